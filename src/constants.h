@@ -1,0 +1,36 @@
+#ifndef CONSTANTS_H
+#define CONSTANTS_H
+
+#include <QString>
+
+// Every bus name, object path, interface name and fixed file path of the daemon.
+namespace Names {
+
+// Our own face on the system bus.
+inline const QString AgentService = QStringLiteral("com.quorvane.BluetoothAgent");
+inline const QString AgentPath = QStringLiteral("/BluetoothAgent");
+inline const QString AgentCapability = QStringLiteral("DisplayYesNo");
+
+// BlueZ.
+inline const QString BluezService = QStringLiteral("org.bluez");
+inline const QString AdapterPath = QStringLiteral("/org/bluez/hci0");
+inline const QString AdapterInterface = QStringLiteral("org.bluez.Adapter1");
+inline const QString DeviceInterface = QStringLiteral("org.bluez.Device1");
+inline const QString DevicePathPrefix = QStringLiteral("/org/bluez/hci0/dev_");
+inline const QString AgentManagerPath = QStringLiteral("/org/bluez");
+inline const QString AgentManagerInterface = QStringLiteral("org.bluez.AgentManager1");
+inline const QString ObjectManagerPath = QStringLiteral("/");
+inline const QString ObjectManagerInterface = QStringLiteral("org.freedesktop.DBus.ObjectManager");
+inline const QString PropertiesInterface = QStringLiteral("org.freedesktop.DBus.Properties");
+
+// The one refusal BlueZ ever gets from the agent.
+inline const QString RejectedError = QStringLiteral("org.bluez.Agent1.Rejected");
+inline const QString RejectedMessage = QStringLiteral("Rejected");
+
+// The host.
+inline const QString HostnameFile = QStringLiteral("/etc/hostname");
+inline const QString FallbackHostname = QStringLiteral("QuorvaneEmbosser");
+
+} // namespace Names
+
+#endif // CONSTANTS_H

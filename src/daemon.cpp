@@ -1,0 +1,85 @@
+#include "daemon.h"
+
+#include "adapter_proxy.h"
+#include "agent_adaptor.h"
+#include "constants.h"
+#include "logging.h"
+#include "pairing_agent.h"
+
+#include <QDBusConnection>
+#include <QDBusInterface>
+#include <QDBusPendingReply>
+#include <QFile>
+
+QString getHostname()
+{
+    QFile file(Names::HostnameFile);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        qCCritical(lcDaemon) << "could not open /etc/hostname";
+        return Names::FallbackHostname;
+    }
+    // Not trimmed: the line feed stays part of the name. A NUL byte ends it.
+    const QString name = QString::fromUtf8(file.readLine().constData());
+    return name.isEmpty() ? Names::FallbackHostname : name;
+}
+
+namespace {
+// One blocking agent-manager call; a refusal is logged and start-up goes on.
+void callAgentManager(QDBusInterface *manager, const QString &method, const QVariantList &args,
+    const char *failureText)
+{
+    QDBusPendingReply<> reply = manager->callWithArgumentList(QDBus::AutoDetect, method, args);
+    reply.waitForFinished();
+    if (!reply.isValid())
+        qCCritical(lcDaemon) << failureText << manager->lastError().message();
+}
+} // namespace
+
+Daemon::Daemon() = default;
+
+bool Daemon::init()
+{
+    agent = new PairingAgent;
+    new AgentAdaptor(agent);
+
+    QDBusConnection bus = QDBusConnection::systemBus();
+    const bool objectRegistered =
+        bus.registerObject(Names::AgentPath, agent, QDBusConnection::ExportAdaptors);
+    // Claimed even when the object could not be exported.
+    const bool serviceRegistered = bus.registerService(Names::AgentService);
+    if (!objectRegistered) {
+        qCCritical(lcDaemon) << "regObj failed";
+        return false;
+    }
+    if (!serviceRegistered) {
+        qCCritical(lcDaemon) << "regSrv failed";
+        return false;
+    }
+
+    // Used for start-up only, and kept until the process ends like every BlueZ proxy.
+    auto *adapter =
+        new BluetoothAdapterInterface(Names::BluezService, Names::AdapterPath, bus, nullptr);
+    if (!adapter->isValid()) {
+        qCCritical(lcDaemon) << "iface not valid, something went wrong!";
+        return false;
+    }
+    // A failed read counts as "off" and leads to the write.
+    if (!adapter->property("Powered").toBool()
+        && !adapter->setProperty("Powered", QVariant(true))) {
+        qCCritical(lcDaemon) << "not powered...";
+        return false;
+    }
+    // A refused name is no reason to stop.
+    adapter->setProperty("Alias", QVariant(getHostname()));
+
+    agent->loadDevices();
+
+    auto *manager = new QDBusInterface(
+        Names::BluezService, Names::AgentManagerPath, Names::AgentManagerInterface, bus);
+    const QVariant agentPath = QVariant::fromValue(QDBusObjectPath(Names::AgentPath));
+    callAgentManager(manager, QStringLiteral("RegisterAgent"),
+        { agentPath, QVariant(Names::AgentCapability) }, "RegisterAgent unsuccessful!");
+    callAgentManager(manager, QStringLiteral("RequestDefaultAgent"), { agentPath },
+        "RequestDefaultAgent unsuccessful!");
+    return true;
+}

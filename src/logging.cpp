@@ -1,0 +1,5 @@
+#include "logging.h"
+
+Q_LOGGING_CATEGORY(lcDaemon, "BluetoothAgentDaemon", QtCriticalMsg)
+Q_LOGGING_CATEGORY(lcPairingAgent, "BluetoothPairingAgent", QtCriticalMsg)
+Q_LOGGING_CATEGORY(lcFileMonitor, "BluetoothFileMonitor", QtCriticalMsg)

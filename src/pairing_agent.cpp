@@ -1,0 +1,213 @@
+#include "pairing_agent.h"
+
+#include "constants.h"
+#include "dbus_types.h"
+#include "deviceinterface.h"
+#include "logging.h"
+
+#include <QDBusConnection>
+#include <QDBusInterface>
+#include <QDBusMetaType>
+#include <QDBusReply>
+
+namespace {
+// Paths remembered by interfaceAdded() to skip an announcement repeated at once.
+QString lastDevicePath;
+QString lastOtherInterfacePath;
+} // namespace
+
+PairingAgent::PairingAgent()
+{
+    qDBusRegisterMetaType<InterfaceList>();
+    qDBusRegisterMetaType<ManagedObjectList>();
+
+    // A plain QVariantMap on purpose: only the announced interface names (its keys) are used.
+    QDBusConnection::systemBus().connect(Names::BluezService, Names::ObjectManagerPath,
+        Names::ObjectManagerInterface, QStringLiteral("InterfacesAdded"), this,
+        SLOT(interfaceAdded(QDBusObjectPath, QVariantMap)));
+}
+
+void PairingAgent::loadDevices()
+{
+    auto *objectManager = new QDBusInterface(Names::BluezService, Names::ObjectManagerPath,
+        Names::ObjectManagerInterface, QDBusConnection::systemBus());
+    const QDBusReply<ManagedObjectList> reply =
+        objectManager->call(QStringLiteral("GetManagedObjects"));
+    if (!reply.isValid())
+        return;
+
+    const ManagedObjectList objects = reply.value();
+    for (auto it = objects.constBegin(); it != objects.constEnd(); ++it) {
+        const QString path = it.key().path();
+        // Anything whose path mentions "dev" counts as a device, objects below one included.
+        if (!path.contains(QLatin1String("dev")))
+            continue;
+        watchDevice(path);
+        devices.insert(addressFromPath(path), path);
+    }
+}
+
+void PairingAgent::interfaceAdded(const QDBusObjectPath &path, const QVariantMap &args)
+{
+    // BlueZ always announces at least one interface; an empty announcement says nothing.
+    if (args.isEmpty())
+        return;
+
+    // Only the first interface name in sort order decides what the object is.
+    if (args.firstKey() != Names::DeviceInterface) {
+        if (path.path() == lastOtherInterfacePath)
+            return;
+        lastOtherInterfacePath = path.path();
+        getDevices();
+        return;
+    }
+
+    // Each announcement adds a watcher, a repeated one too; only the registry write is guarded.
+    const DeviceInterface *device = watchDevice(path.path());
+    const QString alias = device->alias();
+    const bool connected = device->connected();
+    deviceConnected(alias, connected);
+
+    if (path.path() == lastDevicePath)
+        return;
+    devices.insert(addressFromPath(path.path()), path.path());
+    lastDevicePath = path.path();
+}
+
+void PairingAgent::deviceConnected(const QString &devName, bool status)
+{
+    emit ConnectionStatus(devName, status);
+}
+
+void PairingAgent::Release() { qCCritical(lcPairingAgent) << "pairing_agent::Release"; }
+
+QString PairingAgent::RequestPinCode(const QDBusObjectPath &device, const QDBusMessage &msg)
+{
+    qCCritical(lcPairingAgent) << "pairing_agent::RequestPinCode " << device.path();
+    deferReply(msg);
+    emit RequestUserPin();
+    // Never sent: the reply waits for userSuppliedPin().
+    return QStringLiteral("");
+}
+
+void PairingAgent::DisplayPinCode(
+    const QDBusObjectPath &device, const QString &pincode, const QDBusMessage &msg)
+{
+    Q_UNUSED(msg)
+    qCCritical(lcPairingAgent) << "pairing_agent::DisplayPinCode " << device.path() << " "
+                               << pincode;
+}
+
+int PairingAgent::RequestPasskey(const QDBusObjectPath &device, const QDBusMessage &msg)
+{
+    Q_UNUSED(msg)
+    qCCritical(lcPairingAgent) << "pairing_agent::RequestPasskey " << device.path();
+    return 73;
+}
+
+void PairingAgent::DisplayPasskey(
+    const QDBusObjectPath &device, uint passkey, ushort entered, const QDBusMessage &msg)
+{
+    Q_UNUSED(msg)
+    qCCritical(lcPairingAgent) << "pairing_agent::DisplayPasskey " << device.path() << " "
+                               << passkey << " " << entered;
+}
+
+void PairingAgent::RequestConfirmation(
+    const QDBusObjectPath &device, uint passkey, const QDBusMessage &msg)
+{
+    qCCritical(lcPairingAgent) << "pairing_agent::RequestConfirmation " << device.path() << " "
+                               << passkey;
+    deferReply(msg);
+    emit RequestUserConfirmation(passkey);
+}
+
+void PairingAgent::RequestAuthorization(const QDBusObjectPath &device, const QDBusMessage &msg)
+{
+    Q_UNUSED(msg)
+    // Granted without asking: the automatic empty reply accepts the call.
+    qCCritical(lcPairingAgent) << "pairing_agent::RequestAuthorization " << device.path();
+}
+
+void PairingAgent::AuthorizeService(
+    const QDBusObjectPath &device, const QString &uuid, const QDBusMessage &msg)
+{
+    Q_UNUSED(device)
+    Q_UNUSED(uuid)
+    rejectAtOnce(msg);
+}
+
+void PairingAgent::Cancel(const QDBusMessage &msg)
+{
+    // Refuses the Cancel call itself; the pending question stays with the user.
+    rejectAtOnce(msg);
+}
+
+void PairingAgent::userConfirmation(bool confirm) { answerPending(confirm, QVariant(true)); }
+
+void PairingAgent::userSuppliedPin(bool confirm, const QString &pin)
+{
+    answerPending(confirm, QVariant(pin));
+}
+
+void PairingAgent::getDevices()
+{
+    QVariantMap result;
+    for (auto it = devices.constBegin(); it != devices.constEnd(); ++it) {
+        // Only reads two properties; nothing listens to its signal.
+        const DeviceInterface device(Names::BluezService, it.value(), QDBusConnection::systemBus());
+        if (!device.paired())
+            continue;
+        result.insert(device.alias(), QVariant(it.key()));
+    }
+    emit BluetoothDevices(result);
+}
+
+void PairingAgent::deferReply(const QDBusMessage &msg)
+{
+    pendingMessage = msg;
+    // Shared with the stored copy, so Qt D-Bus leaves the call unanswered on return.
+    msg.setDelayedReply(true);
+    // Hands the call back to its sender as a one-way message; the result does not matter.
+    QDBusConnection::systemBus().send(msg);
+}
+
+void PairingAgent::answerPending(bool confirm, const QVariant &value)
+{
+    // An answer with no request ever received reaches no caller; a reply built on the empty
+    // message would make libdbus abort the process, so nothing is sent. A later answer to a
+    // request already answered is still sent, and the bus discards it.
+    if (pendingMessage.type() != QDBusMessage::MethodCallMessage)
+        return;
+
+    QDBusMessage reply;
+    pendingMessage.setDelayedReply(false);
+    if (confirm)
+        reply = pendingMessage.createReply(QVariantList { value });
+    else
+        reply = pendingMessage.createErrorReply(Names::RejectedError, Names::RejectedMessage);
+    if (reply.type() != QDBusMessage::InvalidMessage)
+        QDBusConnection::systemBus().send(reply);
+}
+
+void PairingAgent::rejectAtOnce(const QDBusMessage &msg)
+{
+    // Not deferred: Qt D-Bus's own empty reply follows the error, and the bus drops it.
+    QDBusConnection::systemBus().send(
+        msg.createErrorReply(Names::RejectedError, Names::RejectedMessage));
+}
+
+DeviceInterface *PairingAgent::watchDevice(const QString &path)
+{
+    // Lives for the rest of the process: its connection is the device's watch.
+    auto *device = new DeviceInterface(Names::BluezService, path, QDBusConnection::systemBus());
+    connect(device, &DeviceInterface::DeviceConnected, this, &PairingAgent::deviceConnected);
+    return device;
+}
+
+QString PairingAgent::addressFromPath(const QString &path) const
+{
+    // Drops the "/" and the "dev_" in front of the address.
+    const int slash = path.lastIndexOf(QLatin1Char('/'));
+    return path.mid(slash + 5).replace(QLatin1Char('_'), QLatin1Char(':'));
+}

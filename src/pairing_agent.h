@@ -1,0 +1,66 @@
+#ifndef PAIRING_AGENT_H
+#define PAIRING_AGENT_H
+
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QMap>
+#include <QObject>
+#include <QString>
+#include <QVariantMap>
+
+class DeviceInterface;
+
+// BlueZ's pairing agent and the registry of known devices. The agent calls reach it through
+// AgentAdaptor; questions go to the user interface as signals and its answers come back
+// through userConfirmation() and userSuppliedPin().
+class PairingAgent : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.bluez.Agent1")
+
+public:
+    PairingAgent();
+
+    // Fills the registry from BlueZ's object manager, once at start-up.
+    void loadDevices();
+
+signals:
+    void ConnectionStatus(const QString &device, bool status);
+    void TransferComplete(const QString &file);
+    void RequestUserPin();
+    void RequestUserConfirmation(uint passkey);
+    void BluetoothDevices(const QVariantMap &devs);
+
+private slots:
+    void interfaceAdded(const QDBusObjectPath &path, const QVariantMap &args);
+    void deviceConnected(const QString &devName, bool status);
+
+public slots:
+    void Release();
+    QString RequestPinCode(const QDBusObjectPath &device, const QDBusMessage &msg);
+    void DisplayPinCode(
+        const QDBusObjectPath &device, const QString &pincode, const QDBusMessage &msg);
+    int RequestPasskey(const QDBusObjectPath &device, const QDBusMessage &msg);
+    void DisplayPasskey(
+        const QDBusObjectPath &device, uint passkey, ushort entered, const QDBusMessage &msg);
+    void RequestConfirmation(const QDBusObjectPath &device, uint passkey, const QDBusMessage &msg);
+    void RequestAuthorization(const QDBusObjectPath &device, const QDBusMessage &msg);
+    void AuthorizeService(
+        const QDBusObjectPath &device, const QString &uuid, const QDBusMessage &msg);
+    void Cancel(const QDBusMessage &msg);
+    void userConfirmation(bool confirm);
+    void userSuppliedPin(bool confirm, const QString &pin);
+    void getDevices();
+
+private:
+    void deferReply(const QDBusMessage &msg);
+    void answerPending(bool confirm, const QVariant &value);
+    void rejectAtOnce(const QDBusMessage &msg);
+    DeviceInterface *watchDevice(const QString &path);
+    QString addressFromPath(const QString &path) const;
+
+    QDBusMessage pendingMessage;
+    QMap<QString, QString> devices; // address -> device object path
+};
+
+#endif // PAIRING_AGENT_H

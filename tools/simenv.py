@@ -1,0 +1,345 @@
+"""The simulated world of bluetooth-agent: a private system bus, a simulated BlueZ, the daemon in
+its fixed-path sandbox, and a client that plays the user interface (or BlueZ calling the agent).
+
+Shared by the black-box tests, the simulation of the README and the benchmarks. Needs root
+(mount namespaces) and Debian's python3-dbusmock; run it with /usr/bin/python3.
+"""
+
+import os
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+
+import dbus
+import dbus.mainloop.glib
+from gi.repository import GLib
+
+dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+
+TOOLS = os.path.dirname(os.path.abspath(__file__))
+SANDBOX_RUN = os.path.join(TOOLS, "sandbox-run")
+DEBIAN_PYTHON = "/usr/bin/python3"
+
+AGENT_SERVICE = "com.quorvane.BluetoothAgent"
+AGENT_PATH = "/BluetoothAgent"
+AGENT_IFACE = "org.bluez.Agent1"
+ADAPTER_PATH = "/org/bluez/hci0"
+ADAPTER_IFACE = "org.bluez.Adapter1"
+DEVICE_IFACE = "org.bluez.Device1"
+MOCK_IFACE = "org.freedesktop.DBus.Mock"
+BLUEZ_MOCK_IFACE = "org.bluez.Mock"
+
+BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:tmpdir={tmpdir}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+  </policy>
+</busconfig>
+"""
+
+
+def pump(seconds=0.0):
+    """Runs the GLib main loop for a while, so that replies and signals are delivered."""
+    context = GLib.MainContext.default()
+    deadline = time.monotonic() + seconds
+    while True:
+        while context.pending():
+            context.iteration(False)
+        remaining = deadline - time.monotonic()
+        if remaining <= 0:
+            return
+        time.sleep(min(remaining, 0.005))
+
+
+def wait_until(predicate, timeout=10.0, what="condition"):
+    """Pumps the main loop until predicate() is true; fails with `what` after timeout seconds."""
+    deadline = time.monotonic() + timeout
+    while True:
+        pump()
+        value = predicate()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"timed out after {timeout} s waiting for {what}")
+        time.sleep(0.005)
+
+
+def stop_process(proc, grace=5.0):
+    """Ends a child and everything in its process group; leaves nothing behind."""
+    if proc is None or proc.poll() is not None:
+        return
+    try:
+        os.killpg(proc.pid, signal.SIGTERM)
+    except ProcessLookupError:
+        return
+    try:
+        proc.wait(grace)
+    except subprocess.TimeoutExpired:
+        os.killpg(proc.pid, signal.SIGKILL)
+        proc.wait()
+
+
+class SystemBus:
+    """A private dbus-daemon of type system, with a permissive policy."""
+
+    def __init__(self, workdir, config=None):
+        self.workdir = workdir
+        config_path = os.path.join(workdir, "bus.conf")
+        with open(config_path, "w", encoding="utf-8") as f:
+            f.write(config or BUS_CONFIG.format(tmpdir=workdir))
+        with open(os.path.join(workdir, "bus.log"), "ab") as log:
+            self.proc = subprocess.Popen(
+                ["dbus-daemon", "--config-file", config_path, "--nofork", "--print-address=1"],
+                stdout=subprocess.PIPE, stderr=log, start_new_session=True, text=True)
+        self.address = self.proc.stdout.readline().strip()
+        if not self.address:
+            raise RuntimeError("dbus-daemon did not start")
+        self.env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.address)
+
+    def connect(self):
+        return dbus.bus.BusConnection(self.address)
+
+    def stop(self):
+        stop_process(self.proc)
+
+
+class Bluez:
+    """python-dbusmock's bluez5 template with the adapter hci0."""
+
+    def __init__(self, bus, adapter_alias="simulated-adapter", with_adapter=True):
+        # The mock logs every call it serves, in order, to its standard output.
+        self.log_path = os.path.join(bus.workdir, "bluez.log")
+        with open(self.log_path, "ab") as log:
+            self.proc = subprocess.Popen(
+                [DEBIAN_PYTHON, "-m", "dbusmock", "--system", "-t", "bluez5"],
+                env=bus.env, stdout=log, stderr=subprocess.STDOUT, start_new_session=True)
+        self.conn = bus.connect()
+        wait_until(lambda: self.proc.poll() is not None or self.conn.name_has_owner("org.bluez"),
+                   what="org.bluez on the bus")
+        if self.proc.poll() is not None:
+            raise RuntimeError("the simulated BlueZ did not start")
+        self.root = self.obj("/")
+        if with_adapter:
+            self.root.AddAdapter("hci0", adapter_alias, dbus_interface=BLUEZ_MOCK_IFACE)
+
+    def obj(self, path):
+        return self.conn.get_object("org.bluez", path)
+
+    def adapter_property(self, name):
+        return unwrap(self.obj(ADAPTER_PATH).Get(ADAPTER_IFACE, name,
+                                                 dbus_interface=dbus.PROPERTIES_IFACE))
+
+    def set_adapter_properties(self, **props):
+        self.obj(ADAPTER_PATH).UpdateProperties(ADAPTER_IFACE, props, dbus_interface=MOCK_IFACE)
+
+    def add_device(self, address, alias, paired=False, connected=False):
+        """Adds a phone (announced with InterfacesAdded); returns its object path."""
+        path = self.root.AddDevice("hci0", address, alias, dbus_interface=BLUEZ_MOCK_IFACE)
+        if paired:
+            self.root.PairDevice("hci0", address, 5898764, dbus_interface=BLUEZ_MOCK_IFACE)
+        if connected:
+            self.update_device(path, Connected=True)
+        return str(path)
+
+    def update_device(self, path, interface=DEVICE_IFACE, **props):
+        """Changes device properties and emits one PropertiesChanged holding exactly them."""
+        self.obj(path).UpdateProperties(interface, props, dbus_interface=MOCK_IFACE)
+
+    def fail_method(self, path, interface, method, in_sig, condition="True",
+                    fallback="DBusMockObject.{method}(self, *args)"):
+        """Makes a BlueZ method answer org.bluez.Error.Failed when condition holds on args."""
+        code = (f"if {condition}:\n"
+                f"    raise dbus.exceptions.DBusException('refused by the test',"
+                f" name='org.bluez.Error.Failed')\n"
+                f"{fallback.format(method=method)}\n")
+        self.obj(path).AddMethod(interface, method, in_sig, "", code, dbus_interface=MOCK_IFACE)
+
+    def calls(self, path, method):
+        """The arguments of every call of method on path, in order."""
+        return [list(args) for _, args in
+                self.obj(path).GetMethodCalls(method, dbus_interface=MOCK_IFACE)]
+
+    def log(self):
+        """The calls served so far, oldest first, without their time stamps."""
+        with open(self.log_path, encoding="utf-8", errors="replace") as f:
+            return [line.split(" ", 1)[1].rstrip("\n") for line in f if " " in line]
+
+    def stop(self):
+        stop_process(self.proc)
+
+
+class Sandbox:
+    """The daemon's fixed paths as test files: a host-name file and the spool folders."""
+
+    def __init__(self, workdir, hostname=b"embosser\n"):
+        self.workdir = workdir
+        self.spool = os.path.join(workdir, "spool")
+        self.obex = os.path.join(self.spool, "lp", "obex")
+        self.www = os.path.join(self.spool, "lp", "www")
+        os.makedirs(self.obex)
+        os.makedirs(self.www)
+        self.hostname_file = os.path.join(workdir, "hostname")
+        self.hostname_missing = hostname is None
+        with open(self.hostname_file, "wb") as f:
+            f.write(hostname or b"")
+
+    def wrap(self, command):
+        """The command line that runs command inside the sandbox."""
+        if self.hostname_missing:
+            scratch = tempfile.mkdtemp(prefix="etc-", dir=self.workdir)
+            where = ["--no-hostname", scratch]
+        else:
+            where = ["--hostname", self.hostname_file]
+        return [SANDBOX_RUN, "--spool", self.spool, *where, "--", *command]
+
+
+def agent_command():
+    """How to start the daemon: $BLUETOOTH_AGENT, behind $BLUETOOTH_AGENT_LAUNCHER if set."""
+    binary = os.environ.get("BLUETOOTH_AGENT")
+    if not binary:
+        raise RuntimeError("set BLUETOOTH_AGENT to the bluetooth-agent binary")
+    return os.environ.get("BLUETOOTH_AGENT_LAUNCHER", "").split() + [binary]
+
+
+class Agent:
+    """bluetooth-agent running in the sandbox on the private bus; its log goes to a file."""
+
+    def __init__(self, bus, sandbox, bluez=None, env=None):
+        self.bus = bus
+        self.bluez = bluez
+        self.log_path = os.path.join(sandbox.workdir, "bluetooth-agent.log")
+        self.log_file = open(self.log_path, "ab")
+        self.proc = subprocess.Popen(
+            sandbox.wrap(agent_command()), env=dict(bus.env, **(env or {})),
+            stdin=subprocess.DEVNULL, stdout=self.log_file, stderr=subprocess.STDOUT,
+            start_new_session=True)
+        self.pid = self.proc.pid
+
+    def log(self):
+        with open(self.log_path, "rb") as f:
+            return f.read().decode("utf-8", "replace")
+
+    def wait_ready(self, timeout=30.0):
+        """Waits until BlueZ was asked to make the daemon its default agent."""
+        wait_until(lambda: self.proc.poll() is not None
+                   or self.bluez.calls("/org/bluez", "RequestDefaultAgent"),
+                   timeout, "the daemon to register its agent")
+        if self.proc.poll() is not None:
+            raise RuntimeError(f"bluetooth-agent exited with {self.proc.returncode}")
+        return self
+
+    def wait_exit(self, timeout=30.0):
+        return self.proc.wait(timeout)
+
+    def stop(self):
+        stop_process(self.proc)
+        self.log_file.close()
+
+
+class Client:
+    """A client of the daemon's D-Bus interface: plays the user interface, or BlueZ calling the
+    agent. Records every signal of the daemon as (member, args)."""
+
+    def __init__(self, bus):
+        self.conn = bus.connect()
+        self.signals = []
+        self.conn.add_signal_receiver(
+            self._on_signal, dbus_interface=AGENT_IFACE, path=AGENT_PATH,
+            member_keyword="member")
+        self.agent = self.conn.get_object(AGENT_SERVICE, AGENT_PATH, introspect=False)
+
+    def _on_signal(self, *args, member=None):
+        self.signals.append((member, [unwrap(a) for a in args]))
+
+    def call(self, method, *args, timeout=30):
+        """A blocking call of the daemon; returns the unwrapped reply."""
+        return unwrap(self.agent.get_dbus_method(method, AGENT_IFACE)(*args, timeout=timeout))
+
+    def call_async(self, method, *args, timeout=30):
+        """Starts a call and returns a Reply that fills in when the answer arrives."""
+        reply = Reply()
+        self.agent.get_dbus_method(method, AGENT_IFACE)(
+            *args, reply_handler=reply.ok, error_handler=reply.fail, timeout=timeout)
+        return reply
+
+    def received(self, member):
+        return [args for name, args in self.signals if name == member]
+
+    def wait_signal(self, member, count=1, timeout=10.0):
+        """Waits until member was received count times; returns the args of all of them."""
+        wait_until(lambda: len(self.received(member)) >= count, timeout,
+                   f"{count} x {member}")
+        return self.received(member)
+
+
+class Reply:
+    """The outcome of an asynchronous call: a value list or a D-Bus error name."""
+
+    def __init__(self):
+        self.done = False
+        self.values = None
+        self.error = None
+        self.message = None
+
+    def ok(self, *values):
+        self.done, self.values = True, [unwrap(v) for v in values]
+
+    def fail(self, error):
+        self.done, self.error, self.message = True, error.get_dbus_name(), error.get_dbus_message()
+
+    def wait(self, timeout=10.0):
+        wait_until(lambda: self.done, timeout, "a reply")
+        return self
+
+
+def unwrap(value):
+    """dbus-python values as plain Python values."""
+    if isinstance(value, dbus.Boolean):
+        return bool(value)
+    if isinstance(value, (dbus.String, dbus.ObjectPath)):
+        return str(value)
+    if isinstance(value, (dbus.Int16, dbus.Int32, dbus.Int64, dbus.UInt16, dbus.UInt32,
+                          dbus.UInt64, dbus.Byte)):
+        return int(value)
+    if isinstance(value, dict):
+        return {unwrap(k): unwrap(v) for k, v in value.items()}
+    if isinstance(value, (list, tuple)):
+        return [unwrap(v) for v in value]
+    return value
+
+
+class World:
+    """Bus, BlueZ (optional), sandbox and daemon together, torn down in reverse order."""
+
+    def __init__(self, hostname=b"embosser\n", with_bluez=True, keep=False):
+        self.workdir = tempfile.mkdtemp(prefix="bluetooth-agent-")
+        self.keep = keep
+        self.bus = SystemBus(self.workdir)
+        self.bluez = Bluez(self.bus) if with_bluez else None
+        self.sandbox = Sandbox(self.workdir, hostname)
+        self.agent = None
+
+    def start_agent(self, wait=True, env=None):
+        self.agent = Agent(self.bus, self.sandbox, self.bluez, env)
+        if wait:
+            self.agent.wait_ready()
+        return self.agent
+
+    def client(self):
+        return Client(self.bus)
+
+    def stop(self):
+        for part in (self.agent, self.bluez, self.bus):
+            if part is not None:
+                part.stop()
+        if not self.keep:
+            shutil.rmtree(self.workdir, ignore_errors=True)
