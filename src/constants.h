@@ -31,6 +31,10 @@ inline const QString RejectedMessage = QStringLiteral("Rejected");
 inline const QString HostnameFile = QStringLiteral("/etc/hostname");
 inline const QString FallbackHostname = QStringLiteral("QuorvaneEmbosser");
 
+// Received-file intake: the OBEX receiver writes into ReceiveDir, the print spooler reads SpoolDir.
+inline const QString ReceiveDir = QStringLiteral("/var/spool/lp/obex");
+inline const QString SpoolDir = QStringLiteral("/var/spool/lp/www");
+
 } // namespace Names
 
 #endif // CONSTANTS_H

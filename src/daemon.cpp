@@ -3,6 +3,8 @@
 #include "adapter_proxy.h"
 #include "agent_adaptor.h"
 #include "constants.h"
+#include "file_uploader.h"
+#include "filemonitor.h"
 #include "logging.h"
 #include "pairing_agent.h"
 
@@ -10,6 +12,8 @@
 #include <QDBusInterface>
 #include <QDBusPendingReply>
 #include <QFile>
+
+#include <sys/inotify.h>
 
 QString getHostname()
 {
@@ -35,7 +39,23 @@ void callAgentManager(QDBusInterface *manager, const QString &method, const QVar
 }
 } // namespace
 
-Daemon::Daemon() = default;
+Daemon::Daemon()
+{
+    auto *uploader = new FileUploader;
+    uploader->moveToThread(&uploaderThread);
+    connect(&uploaderThread, &QThread::finished, uploader, &QObject::deleteLater);
+    connect(this, &Daemon::startUploader, uploader, &FileUploader::doWork);
+    connect(uploader, &FileUploader::uploadDone, this, &Daemon::uploaderDone);
+    connect(uploader, &FileUploader::error, this, &Daemon::uploadError);
+    uploaderThread.start(QThread::InheritPriority);
+
+    auto *monitor = new FileMonitor;
+    monitor->moveToThread(&monitorThread);
+    connect(&monitorThread, &QThread::finished, monitor, &QObject::deleteLater);
+    connect(this, &Daemon::startMonitor, monitor, &FileMonitor::doWork);
+    connect(monitor, &FileMonitor::fileEvent, this, &Daemon::processFileEvent);
+    monitorThread.start(QThread::InheritPriority);
+}
 
 bool Daemon::init()
 {
@@ -82,4 +102,30 @@ bool Daemon::init()
     callAgentManager(manager, QStringLiteral("RequestDefaultAgent"), { agentPath },
         "RequestDefaultAgent unsuccessful!");
     return true;
+}
+
+void Daemon::processFileEvent(const QString &name, uint mask)
+{
+    // Equality, not a bit test: only a plain close-after-write counts.
+    if (mask != IN_CLOSE_WRITE)
+        return;
+    // The uploader's own read-write open of a file ends in one more close event for its name.
+    if (pendingNames.contains(name)) {
+        pendingNames.removeOne(name);
+        return;
+    }
+    pendingNames.append(name);
+    emit startUploader(Names::ReceiveDir + QLatin1Char('/') + name);
+}
+
+void Daemon::uploaderDone(const QString &file)
+{
+    // Without init() there is no agent, and nobody on the bus to tell.
+    if (agent)
+        emit agent->TransferComplete(file);
+}
+
+void Daemon::uploadError(const QString &message)
+{
+    qCCritical(lcDaemon) << "uploadError:" << message;
 }

@@ -3,25 +3,43 @@
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
+#include <QThread>
 
 class PairingAgent;
 
 // The adapter's name: the first line of the host-name file, its line feed included.
 QString getHostname();
 
-// The daemon's one-time start-up on the system bus.
+// The heart of the process: start-up on the system bus, the two worker threads of the
+// received-file intake, and the routing between them and the pairing agent.
 class Daemon : public QObject
 {
     Q_OBJECT
 
 public:
+    // Creates the file monitor and the uploader on threads of their own and starts both.
     Daemon();
 
     // False when the daemon cannot run; the process then exits before its event loop.
     bool init();
 
+signals:
+    void startUploader(const QString &path);
+    void startMonitor();
+
+public slots:
+    void uploaderDone(const QString &file);
+    void uploadError(const QString &message);
+    void processFileEvent(const QString &name, uint mask);
+
 private:
+    // Never quit or waited for: they run as long as the process.
+    QThread uploaderThread;
+    QThread monitorThread;
     PairingAgent *agent = nullptr;
+    // Names whose upload started and whose echo close event is still to come.
+    QStringList pendingNames;
 };
 
 #endif // DAEMON_H

@@ -11,8 +11,10 @@ int main(int argc, char *argv[])
         QCoreApplication app(argc, argv);
         // Never deleted: it lives as long as the process.
         auto *daemon = new Daemon;
-        if (daemon->init())
+        if (daemon->init()) {
+            emit daemon->startMonitor();
             exitCode = app.exec();
+        }
     }
     return exitCode;
 }

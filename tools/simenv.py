@@ -192,6 +192,25 @@ class Sandbox:
         with open(self.hostname_file, "wb") as f:
             f.write(hostname or b"")
 
+    def drop(self, name, data=b""):
+        """Delivers a received file as the OBEX receiver does: create, write, close."""
+        path = os.path.join(os.fsencode(self.obex), os.fsencode(name))
+        with open(path, "wb") as f:
+            f.write(data)
+        return path
+
+    def received(self):
+        """Names still in the receive folder."""
+        return sorted(os.listdir(self.obex))
+
+    def spooled(self):
+        """The print spool: file name -> content."""
+        files = {}
+        for name in os.listdir(self.www):
+            with open(os.path.join(self.www, name), "rb") as f:
+                files[name] = f.read()
+        return files
+
     def wrap(self, command):
         """The command line that runs command inside the sandbox."""
         if self.hostname_missing:
@@ -323,10 +342,14 @@ class World:
     def __init__(self, hostname=b"embosser\n", with_bluez=True, keep=False):
         self.workdir = tempfile.mkdtemp(prefix="bluetooth-agent-")
         self.keep = keep
-        self.bus = SystemBus(self.workdir)
-        self.bluez = Bluez(self.bus) if with_bluez else None
-        self.sandbox = Sandbox(self.workdir, hostname)
-        self.agent = None
+        self.bus = self.bluez = self.agent = None
+        try:
+            self.bus = SystemBus(self.workdir)
+            self.bluez = Bluez(self.bus) if with_bluez else None
+            self.sandbox = Sandbox(self.workdir, hostname)
+        except BaseException:
+            self.stop()
+            raise
 
     def start_agent(self, wait=True, env=None):
         self.agent = Agent(self.bus, self.sandbox, self.bluez, env)

@@ -1,6 +1,7 @@
 """bluetooth-agent on the simulated default, for a person at the keyboard: a private system bus,
-a simulated BlueZ with adapter hci0 and a paired phone, and the daemon in its sandbox. Prints the
-daemon's log and every signal it sends, until Ctrl-C tears everything down."""
+a simulated BlueZ with adapter hci0 and a paired phone, and the daemon in its sandbox. The phone
+sends a file, which lands in the print spool. Prints the daemon's log, every signal it sends and
+every file that reaches the spool, until Ctrl-C tears everything down."""
 
 import os
 import signal
@@ -15,6 +16,20 @@ PHONE_ALIAS = "Simulated Phone"
 
 def say(source, text):
     print(f"{time.strftime('%H:%M:%S')} {source:<7} {text}", flush=True)
+
+
+class SpoolWatcher:
+    """Prints each file that appears in the print spool."""
+
+    def __init__(self, sandbox):
+        self.sandbox = sandbox
+        self.seen = set()
+
+    def poll(self):
+        for name in sorted(set(os.listdir(self.sandbox.www)) - self.seen):
+            if not name.startswith("."):  # still being written under its hidden name
+                self.seen.add(name)
+                say("spool", f"new file {name} in {self.sandbox.www}")
 
 
 class LogFollower:
@@ -43,6 +58,7 @@ def main():
         say("bluez", f"adapter hci0, phone {PHONE_ALIAS!r} {PHONE} (paired)")
         agent = world.start_agent()
         log = LogFollower(agent.log_path)
+        spool = SpoolWatcher(world.sandbox)
         ui = world.client()
         say("agent", f"bluetooth-agent runs (pid {agent.pid}), default agent of the simulated BlueZ")
         bus = world.bus.address
@@ -52,12 +68,17 @@ A user interface talks to it on the system bus, here the private one:
   gdbus call --system --dest com.quorvane.BluetoothAgent --object-path /BluetoothAgent \\
       --method org.bluez.Agent1.getDevices
   gdbus monitor --system --dest com.quorvane.BluetoothAgent
+A phone sends a file when one is written into the receive folder, for example:
+  cp README.md '{world.sandbox.obex}/readme.txt'
 Ctrl-C stops everything.
 """, flush=True)
+        world.sandbox.drop("welcome.brf", b"  ,welcome to the embosser\n")
+        say("bluez", f"{PHONE_ALIAS!r} sends welcome.brf into {world.sandbox.obex}")
         seen = 0
         while agent.proc.poll() is None:
             simenv.pump(0.1)
             log.poll()
+            spool.poll()
             for member, args in ui.signals[seen:]:
                 say("signal", f"{member}({', '.join(repr(a) for a in args)})")
             seen = len(ui.signals)
