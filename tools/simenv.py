@@ -91,14 +91,16 @@ def stop_process(proc, grace=5.0):
 class SystemBus:
     """A private dbus-daemon of type system, with a permissive policy."""
 
-    def __init__(self, workdir, config=None):
+    def __init__(self, workdir, config=None, launcher=()):
+        """config: the bus configuration (default: permissive); launcher: a command prefix."""
         self.workdir = workdir
         config_path = os.path.join(workdir, "bus.conf")
         with open(config_path, "w", encoding="utf-8") as f:
             f.write(config or BUS_CONFIG.format(tmpdir=workdir))
         with open(os.path.join(workdir, "bus.log"), "ab") as log:
             self.proc = subprocess.Popen(
-                ["dbus-daemon", "--config-file", config_path, "--nofork", "--print-address=1"],
+                [*launcher, "dbus-daemon", "--config-file", config_path, "--nofork",
+                 "--print-address=1"],
                 stdout=subprocess.PIPE, stderr=log, start_new_session=True, text=True)
         self.address = self.proc.stdout.readline().strip()
         if not self.address:
@@ -339,12 +341,14 @@ def unwrap(value):
 class World:
     """Bus, BlueZ (optional), sandbox and daemon together, torn down in reverse order."""
 
-    def __init__(self, hostname=b"embosser\n", with_bluez=True, keep=False):
+    def __init__(self, hostname=b"embosser\n", with_bluez=True, keep=False, bus_config=None,
+                 bus_launcher=()):
         self.workdir = tempfile.mkdtemp(prefix="bluetooth-agent-")
         self.keep = keep
         self.bus = self.bluez = self.agent = None
         try:
-            self.bus = SystemBus(self.workdir)
+            self.bus = SystemBus(self.workdir, bus_config and bus_config(self.workdir),
+                                 bus_launcher)
             self.bluez = Bluez(self.bus) if with_bluez else None
             self.sandbox = Sandbox(self.workdir, hostname)
         except BaseException:

@@ -1,0 +1,231 @@
+"""The daemon as a firmware integrator installs it: the install tree, the systemd unit, the
+interface description, and the bus policy on a bus that carries the system's default policy."""
+
+import grp
+import json
+import os
+import re
+import shutil
+import subprocess
+import xml.etree.ElementTree as ET
+
+import dbus
+import pytest
+
+from simenv import AGENT_PATH, AGENT_SERVICE, DEBIAN_PYTHON, pump
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+README = os.path.join(HERE, "..", "README.md")
+BUILD_DIR = os.environ.get("BLUETOOTH_AGENT_BUILD_DIR", "")
+PREFIX = os.environ.get("BLUETOOTH_AGENT_INSTALL_PREFIX", "/usr")
+UI_GROUP = os.environ.get("BLUETOOTH_AGENT_UI_GROUP", "bluetooth")
+DENIED = "org.freedesktop.DBus.Error.AccessDenied"
+UI_METHODS = ["getPower", "setPower", "SetDiscoverable", "getDevices", "forgetDevice",
+              "userConfirmation", "userSuppliedPin"]
+BLUEZ_METHODS = ["Release", "RequestPinCode", "DisplayPinCode", "RequestPasskey", "DisplayPasskey",
+                 "RequestConfirmation", "RequestAuthorization", "AuthorizeService", "Cancel"]
+
+
+@pytest.fixture(scope="module")
+def installed(tmp_path_factory):
+    """The install tree, as `cmake --install` with DESTDIR lays it out."""
+    root = tmp_path_factory.mktemp("destdir")
+    subprocess.run(["cmake", "--install", BUILD_DIR], env=dict(os.environ, DESTDIR=str(root)),
+                   check=True, stdout=subprocess.DEVNULL)
+    return root
+
+
+def readme_install_paths():
+    """The paths listed in the README's "Installing on the device" table, for this prefix."""
+    text = open(README, encoding="utf-8").read()
+    section = text.split("## Installing on the device", 1)[1].split("\n## ", 1)[0]
+    paths = re.findall(r"^\|[^|]*\| `(/usr/[^`]+)` \|", section, re.M)
+    return {PREFIX + p[len("/usr"):] for p in paths}
+
+
+def test_every_file_lands_where_the_readme_says(installed):
+    files = {"/" + str(p.relative_to(installed)) for p in installed.rglob("*") if p.is_file()}
+    assert files == readme_install_paths()
+    assert os.access(installed / PREFIX.lstrip("/") / "sbin" / "bluetooth-agent", os.X_OK)
+
+
+def test_unit_passes_systemd_analyze_verify(installed, tmp_path):
+    unit_dir = installed / PREFIX.lstrip("/") / "lib" / "systemd" / "system"
+    unit = (unit_dir / "bluetooth-agent.service").read_text()
+    assert f"ExecStart={PREFIX}/sbin/bluetooth-agent\n" in unit
+    for line in ["BindsTo=bluetooth.service", "PartOf=bluetooth.service",
+                 "WantedBy=bluetooth.service", "Restart=on-failure"]:
+        assert line + "\n" in unit
+    # A stand-in for BlueZ's unit, and the installed daemon visible where the unit expects it,
+    # both only inside a private mount namespace.
+    (tmp_path / "bluetooth.service").write_text(
+        "[Unit]\nDescription=bluetoothd stand-in\n[Service]\nExecStart=/bin/true\n")
+    sbin = f"{PREFIX}/sbin"
+    script = ('mkdir -p "$1" && mount -t overlay none -o "lowerdir=$0$1:$1" "$1" '
+              "&& exec systemd-analyze verify --man=no bluetooth-agent.service")
+    verify = subprocess.run(
+        ["unshare", "--mount", "--propagation", "private", "sh", "-c", script, str(installed), sbin],
+        env=dict(os.environ, SYSTEMD_UNIT_PATH=f"{tmp_path}:{unit_dir}:"),
+        capture_output=True, text=True)
+    # Unknown settings only warn, so the report must be empty too.
+    assert (verify.returncode, verify.stdout + verify.stderr) == (0, "")
+
+
+def agent_interface(xml_text):
+    iface = ET.fromstring(xml_text).find("interface[@name='org.bluez.Agent1']")
+    methods = {m.get("name"): [(a.get("name"), a.get("type"), a.get("direction", "in"))
+                               for a in m.findall("arg")] for m in iface.findall("method")}
+    signals = {s.get("name"): [(a.get("name"), a.get("type")) for a in s.findall("arg")]
+               for s in iface.findall("signal")}
+    return methods, signals
+
+
+def test_installed_interface_description_matches_the_running_daemon(installed, world):
+    path = installed / PREFIX.lstrip("/") / "share/dbus-1/interfaces/com.quorvane.BluetoothAgent.xml"
+    live = world.bus.connect().get_object(AGENT_SERVICE, AGENT_PATH).Introspect(
+        dbus_interface="org.freedesktop.DBus.Introspectable")
+    described = agent_interface(path.read_text())
+    assert described == agent_interface(live)
+    assert sorted(described[0]) == sorted(UI_METHODS + BLUEZ_METHODS)
+
+
+# --- The bus policy -----------------------------------------------------------------------------
+
+BLUEZ_POLICY = """<busconfig>
+  <policy user="root"><allow own="org.bluez"/><allow send_destination="org.bluez"/></policy>
+</busconfig>
+"""
+
+
+def guarded_bus_config(installed):
+    """The system bus's own default policy, BlueZ's usual root rights, and the installed file."""
+    system_conf = open("/usr/share/dbus-1/system.conf", encoding="utf-8").read()
+    default_policy = re.search(r'<policy context="default">.*?</policy>', system_conf, re.S)[0]
+    policy_dir = installed / PREFIX.lstrip("/") / "share" / "dbus-1" / "system.d"
+
+    def config(workdir):
+        os.makedirs(f"{workdir}/bluez-policy")
+        with open(f"{workdir}/bluez-policy/bluez.conf", "w", encoding="utf-8") as f:
+            f.write(BLUEZ_POLICY)
+        return f"""<busconfig>
+  <type>system</type>
+  <listen>unix:tmpdir={workdir}</listen>
+  <auth>EXTERNAL</auth>
+  {default_policy}
+  <includedir>{policy_dir}</includedir>
+  <includedir>{workdir}/bluez-policy</includedir>
+</busconfig>
+"""
+    return config
+
+
+def ui_group(tmp_path):
+    """The user-interface group's id, and how to start a bus that knows it. A group missing on
+    this machine is added to a copy of /etc/group that only the bus sees."""
+    try:
+        return grp.getgrnam(UI_GROUP).gr_gid, ()
+    except KeyError:
+        pass
+    gid = next(g for g in range(4242, 60000) if g not in {e.gr_gid for e in grp.getgrall()})
+    group_file = tmp_path / "group"
+    shutil.copy("/etc/group", group_file)
+    with open(group_file, "a", encoding="utf-8") as f:
+        f.write(f"{UI_GROUP}:x:{gid}:\n")
+    return gid, ("unshare", "--mount", "--propagation", "private", "sh", "-c",
+                 'mount --bind "$0" /etc/group && exec "$@"', str(group_file))
+
+
+@pytest.fixture
+def guarded(make_world, installed, tmp_path):
+    gid, launcher = ui_group(tmp_path)
+    world = make_world(bus_config=guarded_bus_config(installed), bus_launcher=launcher)
+    # Other users must reach the bus socket and the caller script.
+    os.chmod(world.workdir, 0o755)
+    shutil.copy(os.path.join(HERE, "bus_peer.py"), world.workdir)
+    world.ui_gid = gid
+    world.start_agent()
+    return world
+
+
+def as_user(world, groups):
+    """setpriv to nobody, in the given groups (none: an outsider)."""
+    group_args = [f"--groups={','.join(map(str, groups))}"] if groups else ["--clear-groups"]
+    return ["setpriv", "--reuid=nobody", "--regid=nogroup", *group_args, DEBIAN_PYTHON,
+            os.path.join(world.workdir, "bus_peer.py"), world.bus.address]
+
+
+def peer(world, groups, *args):
+    done = subprocess.run(as_user(world, groups) + list(args), capture_output=True, text=True,
+                          timeout=120, env={"PATH": os.environ["PATH"],
+                                            "PYTHONDONTWRITEBYTECODE": "1"})
+    assert done.returncode == 0, done.stderr
+    return [json.loads(line) for line in done.stdout.splitlines()]
+
+
+def calls(world, groups, methods):
+    return {r["method"]: r.get("error", "ok") for r in peer(world, groups, "call", *methods)}
+
+
+class Listener:
+    """Another user listening for the daemon's signals."""
+
+    def __init__(self, world, groups, seconds=4):
+        self.proc = subprocess.Popen(as_user(world, groups) + ["listen", str(seconds)],
+                                     stdout=subprocess.PIPE, text=True,
+                                     env={"PATH": os.environ["PATH"]})
+        assert self.proc.stdout.readline().strip() == "ready"
+
+    def signals(self):
+        out, _ = self.proc.communicate(timeout=60)
+        return json.loads(out)["signals"]
+
+
+def make_every_signal(world):
+    """Root plays BlueZ and the user interface: a pairing question, a device list, power."""
+    ui = world.client()
+    phone = dbus.ObjectPath("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01")
+    reply = ui.call_async("RequestConfirmation", phone, dbus.UInt32(123456))
+    ui.wait_signal("RequestUserConfirmation")
+    ui.call("userConfirmation", True)
+    assert reply.wait().values == [True]
+    ui.call("getDevices")
+    ui.call("setPower", True)
+    ui.wait_signal("PowerStateChanged")
+    pump(0.2)
+    return sorted({member for member, _ in ui.signals})
+
+
+def test_root_owns_the_name_and_gets_answers(guarded):
+    conn = guarded.bus.connect()
+    owner = conn.get_name_owner(AGENT_SERVICE)
+    pid = conn.call_blocking("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                             "GetConnectionUnixProcessID", "s", [owner])
+    assert pid == guarded.agent.pid
+    assert guarded.client().call("getPower") is True
+    assert make_every_signal(guarded) == ["BluetoothDevices", "PowerStateChanged",
+                                          "RequestUserConfirmation"]
+
+
+def test_ui_group_gets_its_methods_and_every_signal(guarded):
+    group = [guarded.ui_gid]
+    listener = Listener(guarded, group)
+    results = calls(guarded, group, UI_METHODS + ["org.freedesktop.DBus.Introspectable.Introspect"])
+    assert set(results.values()) == {"ok"}, results
+    sent = make_every_signal(guarded)
+    assert sorted(set(listener.signals())) == sent
+    # It cannot pose as BlueZ, nor take the daemon's name.
+    assert set(calls(guarded, group, BLUEZ_METHODS).values()) == {DENIED}
+    assert peer(guarded, group, "own", AGENT_SERVICE) == [{"error": DENIED}]
+
+
+def test_everyone_else_gets_nothing(guarded):
+    outsider = Listener(guarded, [])
+    member = Listener(guarded, [guarded.ui_gid])
+    results = calls(guarded, [], UI_METHODS + BLUEZ_METHODS
+                    + ["org.freedesktop.DBus.Introspectable.Introspect"])
+    assert set(results.values()) == {DENIED}, results
+    make_every_signal(guarded)
+    assert outsider.signals() == []
+    assert member.signals() != []
+    assert peer(guarded, [], "own", AGENT_SERVICE) == [{"error": DENIED}]
+    assert guarded.agent.proc.poll() is None
