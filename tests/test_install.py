@@ -12,7 +12,7 @@ import xml.etree.ElementTree as ET
 import dbus
 import pytest
 
-from simenv import AGENT_PATH, AGENT_SERVICE, DEBIAN_PYTHON, pump
+from simenv import AGENT_PATH, AGENT_SERVICE, DEBIAN_PYTHON, program, pump
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 README = os.path.join(HERE, "..", "README.md")
@@ -147,15 +147,19 @@ def guarded(make_world, installed, tmp_path):
     return world
 
 
-def as_user(world, groups):
+def as_user(groups):
     """setpriv to nobody, in the given groups (none: an outsider)."""
     group_args = [f"--groups={','.join(map(str, groups))}"] if groups else ["--clear-groups"]
-    return ["setpriv", "--reuid=nobody", "--regid=nogroup", *group_args, DEBIAN_PYTHON,
-            os.path.join(world.workdir, "bus_peer.py"), world.bus.address]
+    return ["setpriv", "--reuid=nobody", "--regid=nogroup", *group_args]
+
+
+def bus_peer(world, groups):
+    return as_user(groups) + [DEBIAN_PYTHON, os.path.join(world.workdir, "bus_peer.py"),
+                              world.bus.address]
 
 
 def peer(world, groups, *args):
-    done = subprocess.run(as_user(world, groups) + list(args), capture_output=True, text=True,
+    done = subprocess.run(bus_peer(world, groups) + list(args), capture_output=True, text=True,
                           timeout=120, env={"PATH": os.environ["PATH"],
                                             "PYTHONDONTWRITEBYTECODE": "1"})
     assert done.returncode == 0, done.stderr
@@ -170,7 +174,7 @@ class Listener:
     """Another user listening for the daemon's signals."""
 
     def __init__(self, world, groups, seconds=4):
-        self.proc = subprocess.Popen(as_user(world, groups) + ["listen", str(seconds)],
+        self.proc = subprocess.Popen(bus_peer(world, groups) + ["listen", str(seconds)],
                                      stdout=subprocess.PIPE, text=True,
                                      env={"PATH": os.environ["PATH"]})
         assert self.proc.stdout.readline().strip() == "ready"
@@ -229,3 +233,19 @@ def test_everyone_else_gets_nothing(guarded):
     assert member.signals() != []
     assert peer(guarded, [], "own", AGENT_SERVICE) == [{"error": DENIED}]
     assert guarded.agent.proc.poll() is None
+
+
+def test_ctl_tells_who_may_not_talk_to_the_daemon(guarded):
+    # A copy in the world's folder, which other users can read.
+    *launcher, binary = program("BLUETOOTH_AGENTCTL")
+    ctl = launcher + [shutil.copy(binary, guarded.workdir)]
+
+    def run(groups, *args):
+        return subprocess.run(as_user(groups) + ctl + list(args), capture_output=True, text=True,
+                              timeout=60, env={"DBUS_SYSTEM_BUS_ADDRESS": guarded.bus.address})
+
+    for args in [["power"], ["monitor"], ["confirm", "yes"]]:
+        done = run([], *args)
+        assert done.returncode == 4 and "not allowed to talk to bluetooth-agent" in done.stderr
+    member = run([guarded.ui_gid], "power")
+    assert (member.returncode, member.stdout) == (0, "on\n")

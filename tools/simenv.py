@@ -223,12 +223,21 @@ class Sandbox:
         return [SANDBOX_RUN, "--spool", self.spool, *where, "--", *command]
 
 
-def agent_command():
-    """How to start the daemon: $BLUETOOTH_AGENT, behind $BLUETOOTH_AGENT_LAUNCHER if set."""
-    binary = os.environ.get("BLUETOOTH_AGENT")
+def program(variable):
+    """How to start one of the project's programs: the path in $variable, behind
+    $BLUETOOTH_AGENT_LAUNCHER (an emulator) if that is set."""
+    binary = os.environ.get(variable)
     if not binary:
-        raise RuntimeError("set BLUETOOTH_AGENT to the bluetooth-agent binary")
+        raise RuntimeError(f"set {variable} to the program's path")
     return os.environ.get("BLUETOOTH_AGENT_LAUNCHER", "").split() + [binary]
+
+
+def agent_command():
+    return program("BLUETOOTH_AGENT")
+
+
+def ctl_command():
+    return program("BLUETOOTH_AGENTCTL")
 
 
 class Agent:

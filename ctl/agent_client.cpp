@@ -1,0 +1,104 @@
+#include "agent_client.h"
+
+#include "bluetoothagent_interface.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QEventLoop>
+#include <QTimer>
+
+namespace {
+const QString service = QStringLiteral("com.quorvane.BluetoothAgent");
+const QString path = QStringLiteral("/BluetoothAgent");
+// The daemon reads each device's properties from BlueZ before it answers with the list.
+constexpr int listTimeoutMs = 25000;
+} // namespace
+
+AgentClient::AgentClient()
+    : proxy(new BluetoothAgentInterface(service, path, QDBusConnection::systemBus(), this))
+{ }
+
+QDBusError AgentClient::reach()
+{
+    QDBusConnection bus = QDBusConnection::systemBus();
+    if (!bus.isConnected())
+        return QDBusError(
+            QDBusError::Disconnected, QLatin1String("no system bus: ") + bus.lastError().message());
+    const QDBusMessage ping = QDBusMessage::createMethodCall(
+        service, path, QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"));
+    return QDBusError(bus.call(ping));
+}
+
+QDBusError AgentClient::confirm(bool yes)
+{
+    QDBusPendingReply<> reply = proxy->userConfirmation(yes);
+    reply.waitForFinished();
+    return reply.error();
+}
+
+QDBusError AgentClient::pin(bool give, const QString &code)
+{
+    QDBusPendingReply<> reply = proxy->userSuppliedPin(give, code);
+    reply.waitForFinished();
+    return reply.error();
+}
+
+QDBusError AgentClient::power(bool *on)
+{
+    QDBusPendingReply<bool> reply = proxy->getPower();
+    reply.waitForFinished();
+    if (reply.isValid())
+        *on = reply.value();
+    return reply.error();
+}
+
+QDBusError AgentClient::setPower(bool on)
+{
+    QDBusPendingReply<> reply = proxy->setPower(on);
+    reply.waitForFinished();
+    return reply.error();
+}
+
+QDBusError AgentClient::setDiscoverable(bool on)
+{
+    QDBusPendingReply<> reply = proxy->SetDiscoverable(on);
+    reply.waitForFinished();
+    return reply.error();
+}
+
+QDBusError AgentClient::devices(QVariantMap *list)
+{
+    return callAndWaitForList([this] { return proxy->getDevices(); }, list);
+}
+
+QDBusError AgentClient::forget(const QString &address, QVariantMap *left)
+{
+    return callAndWaitForList([this, &address] { return proxy->forgetDevice(address); }, left);
+}
+
+template <typename Call> QDBusError AgentClient::callAndWaitForList(Call call, QVariantMap *list)
+{
+    // Listen before calling: the list is sent before the call's reply.
+    QEventLoop loop;
+    bool received = false;
+    const QMetaObject::Connection listening = connect(
+        proxy, &BluetoothAgentInterface::BluetoothDevices, &loop, [&](const QVariantMap &devices) {
+            *list = devices;
+            received = true;
+            loop.quit();
+        });
+    QDBusPendingReply<> reply = call();
+    reply.waitForFinished();
+    if (reply.isError()) {
+        disconnect(listening);
+        return reply.error();
+    }
+    if (!received) {
+        QTimer::singleShot(listTimeoutMs, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+    disconnect(listening);
+    if (!received)
+        return QDBusError(QDBusError::Timeout, QStringLiteral("no device list came back"));
+    return QDBusError();
+}

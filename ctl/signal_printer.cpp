@@ -1,0 +1,62 @@
+#include "signal_printer.h"
+
+#include "bluetoothagent_interface.h"
+
+#include <QDBusServiceWatcher>
+#include <QDateTime>
+#include <QTextStream>
+
+SignalPrinter::SignalPrinter(BluetoothAgentInterface *agent, QTextStream &out)
+    : QObject(agent)
+    , out(out)
+    , watcher(new QDBusServiceWatcher(
+          agent->service(), agent->connection(), QDBusServiceWatcher::WatchForOwnerChange, this))
+{
+    using Agent = BluetoothAgentInterface;
+    connect(agent, &Agent::RequestUserConfirmation, this, [this](uint passkey) {
+        print(QStringLiteral("RequestUserConfirmation passkey %1")
+                  .arg(passkey, 6, 10, QLatin1Char('0')));
+    });
+    connect(
+        agent, &Agent::RequestUserPin, this, [this] { print(QStringLiteral("RequestUserPin")); });
+    connect(agent, &Agent::ConnectionStatus, this, [this](const QString &device, bool status) {
+        print(QLatin1String("ConnectionStatus ") + quoted(device)
+            + (status ? QLatin1String(" connected") : QLatin1String(" disconnected")));
+    });
+    connect(agent, &Agent::BluetoothDevices, this, [this](const QVariantMap &devices) {
+        print(QLatin1String("BluetoothDevices ") + deviceList(devices));
+    });
+    connect(agent, &Agent::TransferComplete, this,
+        [this](const QString &file) { print(QLatin1String("TransferComplete ") + quoted(file)); });
+    connect(agent, &Agent::PowerStateChanged, this, [this](bool state) {
+        print(QLatin1String("PowerStateChanged ") + QLatin1String(state ? "on" : "off"));
+    });
+    connect(watcher, &QDBusServiceWatcher::serviceOwnerChanged, this,
+        [this](const QString &, const QString &, const QString &newOwner) {
+            print(newOwner.isEmpty() ? QStringLiteral("bluetooth-agent left the system bus")
+                                     : QStringLiteral("bluetooth-agent is on the system bus"));
+        });
+}
+
+QString SignalPrinter::deviceList(const QVariantMap &devices)
+{
+    if (devices.isEmpty())
+        return QStringLiteral("none");
+    QStringList entries;
+    for (auto it = devices.constBegin(); it != devices.constEnd(); ++it)
+        entries << quoted(it.key()) + QLatin1Char(' ') + it.value().toString();
+    return entries.join(QLatin1String(", "));
+}
+
+QString SignalPrinter::quoted(const QString &text)
+{
+    QString escaped = text;
+    escaped.replace(QLatin1Char('\\'), QLatin1String("\\\\"));
+    escaped.replace(QLatin1Char('"'), QLatin1String("\\\""));
+    return QLatin1Char('"') + escaped + QLatin1Char('"');
+}
+
+void SignalPrinter::print(const QString &line)
+{
+    out << QDateTime::currentDateTime().toString(Qt::ISODateWithMs) << ' ' << line << Qt::endl;
+}

@@ -1,0 +1,147 @@
+"""bluetooth-agentctl as the people who build the user interface use it, against the daemon in
+the usual fixture; and the README's simulation, run with scripted answers."""
+
+import os
+import re
+import subprocess
+import sys
+
+import dbus
+import pytest
+
+from simenv import ADAPTER_PATH, ctl_command
+
+PHONE = "AA:BB:CC:DD:EE:01"
+PHONE_PATH = dbus.ObjectPath("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01")
+STAMP = r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} "
+TOOLS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools")
+
+
+def ctl(world, *args):
+    return subprocess.run(ctl_command() + list(args), env=world.bus.env, capture_output=True,
+                          text=True, timeout=60)
+
+
+class Monitor:
+    def __init__(self, world):
+        self.proc = subprocess.Popen(ctl_command() + ["monitor"], env=world.bus.env,
+                                     stdout=subprocess.PIPE, text=True)
+        self.lines = [self.proc.stdout.readline()]
+        assert re.match(STAMP + "watching bluetooth-agent$", self.lines[0])
+
+    def next(self):
+        self.lines.append(self.proc.stdout.readline())
+        assert re.match(STAMP, self.lines[-1]), self.lines
+        return self.lines[-1].split(" ", 1)[1].rstrip("\n")
+
+    def stop(self):
+        self.proc.kill()
+        self.proc.wait()
+
+
+def test_monitor_prints_each_signal_as_one_readable_line(make_world):
+    world = make_world()
+    world.bluez.add_device(PHONE, "Phone One", paired=True)
+    world.start_agent()
+    ui = world.client()
+    monitor = Monitor(world)
+    try:
+        ui.call_async("RequestConfirmation", PHONE_PATH, dbus.UInt32(4242))
+        assert monitor.next() == "RequestUserConfirmation passkey 004242"
+        ui.call_async("RequestPinCode", PHONE_PATH)
+        assert monitor.next() == "RequestUserPin"
+        world.bluez.update_device(str(PHONE_PATH), Connected=True)
+        assert monitor.next() == 'ConnectionStatus "Phone One" connected'
+        world.bluez.add_device("AA:BB:CC:DD:EE:02", 'The "Headset"')
+        assert monitor.next() == r'ConnectionStatus "The \"Headset\"" disconnected'
+        ui.call("getDevices")
+        assert monitor.next() == f'BluetoothDevices "Phone One" {PHONE}'
+        world.sandbox.drop("Brief für Anna.brf", b"x")
+        assert monitor.next() == 'TransferComplete "Brief für Anna.brf"'
+        ui.call("setPower", False)
+        assert monitor.next() == "PowerStateChanged off"
+        world.agent.stop()
+        assert monitor.next() == "bluetooth-agent left the system bus"
+    finally:
+        monitor.stop()
+
+
+@pytest.mark.parametrize("request_, args, values, error", [
+    ("RequestConfirmation", ["confirm", "yes"], [True], None),
+    ("RequestConfirmation", ["confirm", "no"], None, "org.bluez.Agent1.Rejected"),
+    ("RequestPinCode", ["pin", "0815"], ["0815"], None),
+    ("RequestPinCode", ["pin", "--reject"], None, "org.bluez.Agent1.Rejected"),
+])
+def test_answers_reach_bluez(world, ui, request_, args, values, error):
+    extra = [dbus.UInt32(1)] if request_ == "RequestConfirmation" else []
+    reply = ui.call_async(request_, PHONE_PATH, *extra)
+    ui.wait_signal("RequestUserConfirmation" if extra else "RequestUserPin")
+    done = ctl(world, *args)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+    reply.wait()
+    assert (reply.values, reply.error) == (values, error)
+
+
+def test_power_discoverability_devices_and_forgetting(make_world):
+    world = make_world()
+    world.bluez.add_device(PHONE, "Phone One", paired=True)
+    world.bluez.add_device("AA:BB:CC:DD:EE:02", "Tablet", paired=True)
+    world.start_agent()
+    assert ctl(world, "power").stdout == "on\n"
+    assert ctl(world, "power", "off").stdout == "off\n"
+    assert world.bluez.adapter_property("Powered") is False
+    assert ctl(world, "discoverable", "on").returncode == 0
+    assert world.bluez.adapter_property("Discoverable") is True
+    assert ctl(world, "devices").stdout == f"{PHONE}  Phone One\nAA:BB:CC:DD:EE:02  Tablet\n"
+    # Lower case is taken as the upper case BlueZ uses.
+    done = ctl(world, "forget", PHONE.lower())
+    assert (done.returncode, done.stdout) == (0, "AA:BB:CC:DD:EE:02  Tablet\n")
+    assert world.bluez.calls(ADAPTER_PATH, "RemoveDevice") == [[str(PHONE_PATH)]]
+
+
+def test_clear_errors(make_world):
+    world = make_world()
+    world.bluez.add_device(PHONE, "Phone One", paired=True)
+    # No daemon yet.
+    done = ctl(world, "devices")
+    assert done.returncode == 3 and "bluetooth-agent is not on the system bus" in done.stderr
+    world.start_agent()
+    ui = world.client()
+    for args in [["forget", "AA:BB:CC:DD:EE"], ["forget", "not-an-address"], ["confirm", "maybe"],
+                 ["pin"], ["power", "half"], ["discoverable"], ["frobnicate"], []]:
+        done = ctl(world, *args)
+        assert done.returncode == 2 and "bluetooth-agentctl: " in done.stderr, args
+    # Refused before anything was sent.
+    assert world.bluez.calls(ADAPTER_PATH, "RemoveDevice") == []
+    assert ui.signals == []
+    world.bluez.fail_method(ADAPTER_PATH, dbus.PROPERTIES_IFACE, "Set", "ssv")
+    done = ctl(world, "power", "off")
+    assert (done.returncode, done.stdout) == (1, "on\n")
+    assert "the adapter stayed on" in done.stderr
+
+
+def test_help():
+    overview = subprocess.run(ctl_command() + ["--help"], capture_output=True, text=True)
+    assert overview.returncode == 0
+    for command in ["monitor", "confirm yes|no", "pin CODE", "power [on|off]",
+                    "discoverable on|off", "devices", "forget ADDRESS"]:
+        assert command in overview.stdout
+    own = subprocess.run(ctl_command() + ["forget", "--help"], capture_output=True, text=True)
+    assert own.returncode == 0 and own.stdout.startswith("Usage: bluetooth-agentctl forget ADDRESS")
+
+
+@pytest.mark.parametrize("answer, last_step", [
+    ("yes", "done: paired, connected, and the file is in the print spool"),
+    ("no", "pairing refused (org.bluez.Agent1.Rejected)"),
+])
+def test_simulation_runs_with_a_scripted_answer(answer, last_step):
+    done = subprocess.run([sys.executable, os.path.join(TOOLS, "simulate.py"), "--answer", answer],
+                          capture_output=True, text=True, timeout=300)
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert last_step in done.stdout
+    # Each step as the user interface saw it.
+    seen = [line.split(" ui      ", 1)[1] for line in done.stdout.splitlines() if " ui " in line]
+    assert any(re.match(STAMP + r"RequestUserConfirmation passkey \d{6}$", s) for s in seen)
+    if answer == "yes":
+        for text in ['ConnectionStatus "Simulated Phone" connected', 'TransferComplete "hello.brf"']:
+            assert any(text in s for s in seen), text
