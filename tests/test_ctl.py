@@ -82,11 +82,8 @@ def test_answers_reach_bluez(world, ui, request_, args, values, error):
     assert (reply.values, reply.error) == (values, error)
 
 
-def test_power_discoverability_devices_and_forgetting(make_world):
-    world = make_world()
-    world.bluez.add_device(PHONE, "Phone One", paired=True)
-    world.bluez.add_device("AA:BB:CC:DD:EE:02", "Tablet", paired=True)
-    world.start_agent()
+def test_power_discoverability_devices_and_forgetting(paired_world):
+    world = paired_world
     assert ctl(world, "power").stdout == "on\n"
     assert ctl(world, "power", "off").stdout == "off\n"
     assert world.bluez.adapter_property("Powered") is False

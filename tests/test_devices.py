@@ -74,11 +74,12 @@ def test_new_device_reports_its_connection_state_at_once(world, ui):
 def test_property_changes_report_connection_status(make_world, known_at_start):
     world = make_world()
     if known_at_start:
-        world.bluez.add_device(PHONE, "Phone One", paired=True)
+        world.bluez.add_device(PHONE, "Phone One")
     world.start_agent()
     ui = world.client()
     if not known_at_start:
-        world.bluez.add_device(PHONE, "Phone One", paired=True)
+        # Reported when announced; from then on its property changes are watched.
+        world.bluez.add_device(PHONE, "Phone One")
         ui.wait_signal("ConnectionStatus")
     count = len(ui.received("ConnectionStatus"))
 
@@ -121,11 +122,8 @@ def test_announcements_of_other_objects_resend_the_list_once_per_object(world, u
     assert world.agent.proc.poll() is None
 
 
-def test_forgetting_a_device_removes_it_and_sends_a_fresh_list(make_world):
-    world = make_world()
-    world.bluez.add_device(PHONE, "Phone One", paired=True)
-    world.bluez.add_device("AA:BB:CC:DD:EE:02", "Tablet", paired=True)
-    world.start_agent()
+def test_forgetting_a_device_removes_it_and_sends_a_fresh_list(paired_world):
+    world = paired_world
     ui = world.client()
     ui.call("forgetDevice", PHONE)
     assert ui.wait_signal("BluetoothDevices") == [[{"Tablet": "AA:BB:CC:DD:EE:02"}]]
@@ -139,13 +137,12 @@ def test_forgetting_a_device_removes_it_and_sends_a_fresh_list(make_world):
     ("../../x", None),
     ("x" * 100000, "/org/bluez/hci0/dev_" + "x" * 100000),
 ], ids=["lower-case", "empty", "not-an-address", "relative", "huge"])
-def test_forgetting_with_a_bad_address_changes_nothing(make_world, text, removed_path):
-    world = make_world()
-    world.bluez.add_device(PHONE, "Phone One", paired=True)
-    world.start_agent()
+def test_forgetting_with_a_bad_address_changes_nothing(paired_world, text, removed_path):
+    world = paired_world
     ui = world.client()
     ui.call("forgetDevice", text)
-    assert ui.wait_signal("BluetoothDevices") == [[{"Phone One": PHONE}]]
+    assert ui.wait_signal("BluetoothDevices") == [[{"Phone One": PHONE,
+                                                    "Tablet": "AA:BB:CC:DD:EE:02"}]]
     assert world.bluez.calls(ADAPTER_PATH, "RemoveDevice") == ([[removed_path]] if removed_path
                                                                else [])
     assert ui.call("getPower") is True
@@ -171,11 +168,6 @@ def test_refused_power_switch_is_not_announced(world, ui):
     pump(0.3)
     assert ui.received("PowerStateChanged") == []
     assert world.bluez.adapter_property("Powered") is True
-
-
-def test_power_reads_as_off_when_bluez_cannot_answer(world, ui):
-    world.bluez.fail_method(ADAPTER_PATH, dbus.PROPERTIES_IFACE, "Get", "ss")
-    assert ui.call("getPower") is False
 
 
 def test_discoverability_switch(world, ui):

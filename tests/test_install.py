@@ -158,10 +158,16 @@ def bus_peer(world, groups):
                               world.bus.address]
 
 
+def peer_env(**extra):
+    """A small environment for another user's process; a sanitized run's options go along."""
+    keep = ("PATH", "ASAN_OPTIONS", "UBSAN_OPTIONS")
+    return dict({k: v for k, v in os.environ.items() if k in keep},
+                PYTHONDONTWRITEBYTECODE="1", **extra)
+
+
 def peer(world, groups, *args):
     done = subprocess.run(bus_peer(world, groups) + list(args), capture_output=True, text=True,
-                          timeout=120, env={"PATH": os.environ["PATH"],
-                                            "PYTHONDONTWRITEBYTECODE": "1"})
+                          timeout=120, env=peer_env())
     assert done.returncode == 0, done.stderr
     return [json.loads(line) for line in done.stdout.splitlines()]
 
@@ -175,8 +181,7 @@ class Listener:
 
     def __init__(self, world, groups, seconds=4):
         self.proc = subprocess.Popen(bus_peer(world, groups) + ["listen", str(seconds)],
-                                     stdout=subprocess.PIPE, text=True,
-                                     env={"PATH": os.environ["PATH"]})
+                                     stdout=subprocess.PIPE, text=True, env=peer_env())
         assert self.proc.stdout.readline().strip() == "ready"
 
     def signals(self):
@@ -242,7 +247,7 @@ def test_ctl_tells_who_may_not_talk_to_the_daemon(guarded):
 
     def run(groups, *args):
         return subprocess.run(as_user(groups) + ctl + list(args), capture_output=True, text=True,
-                              timeout=60, env={"DBUS_SYSTEM_BUS_ADDRESS": guarded.bus.address})
+                              timeout=60, env=peer_env(DBUS_SYSTEM_BUS_ADDRESS=guarded.bus.address))
 
     for args in [["power"], ["monitor"], ["confirm", "yes"]]:
         done = run([], *args)

@@ -55,12 +55,16 @@ def test_only_accepted_suffixes_reach_the_spool(world, ui):
     done = ui.wait_signal("TransferComplete", len(ACCEPTED))
     wait_until(lambda: world.agent.log().count("wrong file type") == len(REFUSED), what="refusals")
     assert sorted(args[0] for args in done) == sorted(ACCEPTED)
-    assert sorted(wait_spooled(sandbox, len(ACCEPTED)).values()) == sorted(
-        n.encode() for n in ACCEPTED)
+    wait_until(lambda: sorted(sandbox.spooled().values()) == sorted(n.encode() for n in ACCEPTED),
+               what="the copies")
     # Refused files are removed too, each with one log line.
     assert sandbox.received() == []
     assert world.agent.log().count('BluetoothAgentDaemon: uploadError: "wrong file type"\n') == len(
         REFUSED)
+
+
+def set_immutable(path, on):
+    subprocess.run(["chattr", "+i" if on else "-i", path], check=True)
 
 
 def test_running_number_counts_accepted_files_and_failed_copies(world, ui):
@@ -72,10 +76,13 @@ def test_running_number_counts_accepted_files_and_failed_copies(world, ui):
 
     deliver("first.txt")
     deliver("refused.PDF")
-    os.rename(sandbox.www, sandbox.www + ".away")  # no spool: the copy cannot be made
-    deliver("lost.brf")
-    wait_until(lambda: "unable to open temp file" in world.agent.log(), what="the copy error")
-    os.rename(sandbox.www + ".away", sandbox.www)
+    try:
+        set_immutable(sandbox.www, True)  # no copy can be made
+        # As defined: the received file is removed, the error logged, the number used up.
+        deliver("lost.brf")
+        wait_until(lambda: "unable to open temp file" in world.agent.log(), what="the copy error")
+    finally:
+        set_immutable(sandbox.www, False)
     deliver("second.txt")
     assert ui.wait_signal("TransferComplete", 2) == [["first.txt"], ["second.txt"]]
     names = sorted(wait_spooled(sandbox, 2))
@@ -89,10 +96,6 @@ def test_same_name_received_again_is_spooled_again(world, ui):
     contents = wait_until(lambda: sorted(world.sandbox.spooled().values()) == [
         b"round 0", b"round 1", b"round 2"], what="three copies")
     assert contents
-
-
-def set_immutable(path, on):
-    subprocess.run(["chattr", "+i" if on else "-i", path], check=True)
 
 
 def test_file_that_cannot_be_opened_stays_in_the_receive_folder(world, ui):
@@ -135,18 +138,37 @@ def test_burst_of_500_files_loses_nothing(world, ui):
     assert world.agent.log() == ""
 
 
+# Names and contents a phone can send, hostile ones included.
 NAMES = ["my letter.brf", "it's \"quoted\".txt", "back\\slash.brf", "Brief für Jürgen.txt",
-         "日本語の点字.brf", "tab\there.txt", "a" * 251 + ".brf", "é" * 125 + "x.brf"]
+         "日本語の点字.brf", "tab\there.txt", "a" * 251 + ".brf", "é" * 125 + "x.brf",
+         "new\nline.txt", "-rf.txt", ".hidden.brf", "..brf", "%s%n%x.txt", "$(reboot).txt",
+         "`id`.brf", "a;rm -rf *.pdf", '\\"bluetooth-agent\\"1-XXXXXX.brf', "\x01\x1b[31mred.txt",
+         "📄.pdf", " .txt"]
+CONTENTS = [b"", b"\x00" * (1 << 20), bytes(range(256)) * 64, b"\n" * 4096,
+            "Braille ⠃⠗⠁⠊⠇⠇⠑".encode("utf-16")]
 
 
-def test_names_a_phone_can_send(world, ui):
-    for name in NAMES:
-        world.sandbox.drop(name, name.encode())
+def test_names_and_contents_a_phone_can_send(world, ui):
+    sandbox = world.sandbox
+    expected = {name: CONTENTS[i % len(CONTENTS)] + name.encode() for i, name in enumerate(NAMES)}
+    for name, content in expected.items():
+        sandbox.drop(name, content)
     done = ui.wait_signal("TransferComplete", len(NAMES))
     assert sorted(args[0] for args in done) == sorted(NAMES)
-    wait_until(lambda: sorted(world.sandbox.spooled().values()) == sorted(
-        n.encode() for n in NAMES), what="the copies")
-    assert world.sandbox.received() == []
+    wait_until(lambda: sorted(sandbox.spooled().values()) == sorted(expected.values()),
+               what="every copy with its bytes")
+    assert sandbox.received() == []
+
+    # A name that is no UTF-8 reaches the daemon converted, so it names no file: the received
+    # file stays where it is, untouched.
+    for raw in [b"\xff\xfe.brf", b"caf\xe9.txt"]:
+        sandbox.drop(raw, b"kept")
+    ui.wait_signal("TransferComplete", len(NAMES) + 2)
+    pump(0.5)
+    for raw in [b"\xff\xfe.brf", b"caf\xe9.txt"]:
+        with open(os.path.join(os.fsencode(sandbox.obex), raw), "rb") as f:
+            assert f.read() == b"kept"
+    assert world.agent.proc.poll() is None
 
 
 def test_large_file_is_copied_exactly(world, ui):

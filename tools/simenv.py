@@ -5,6 +5,7 @@ Shared by the black-box tests, the simulation of the README and the benchmarks. 
 (mount namespaces) and Debian's python3-dbusmock; run it with /usr/bin/python3.
 """
 
+import glob
 import os
 import shutil
 import signal
@@ -61,7 +62,9 @@ def pump(seconds=0.0):
 
 
 def wait_until(predicate, timeout=10.0, what="condition"):
-    """Pumps the main loop until predicate() is true; fails with `what` after timeout seconds."""
+    """Runs the GLib main loop until predicate() is true; fails with `what` after timeout seconds.
+    Wakes for every message, and at least every 50 ms for conditions on files."""
+    context = GLib.MainContext.default()
     deadline = time.monotonic() + timeout
     while True:
         pump()
@@ -70,21 +73,41 @@ def wait_until(predicate, timeout=10.0, what="condition"):
             return value
         if time.monotonic() > deadline:
             raise TimeoutError(f"timed out after {timeout} s waiting for {what}")
-        time.sleep(0.005)
+        fired = []
+        tick = GLib.timeout_add(50, lambda: fired.append(True) and False)
+        context.iteration(True)
+        if not fired:
+            GLib.source_remove(tick)
+
+
+def watching(pid):
+    """Whether process pid holds an inotify watch (seen in its descriptors' fdinfo)."""
+    for info in glob.glob(f"/proc/{pid}/fdinfo/*"):
+        try:
+            with open(info, encoding="ascii", errors="replace") as f:
+                if "inotify wd:" in f.read():
+                    return True
+        except OSError:
+            pass  # a descriptor closed meanwhile
+    return False
 
 
 def stop_process(proc, grace=5.0):
-    """Ends a child and everything in its process group; leaves nothing behind."""
+    """Ends a child and, if it leads a process group, everything in it; leaves nothing behind."""
     if proc is None or proc.poll() is not None:
         return
-    try:
-        os.killpg(proc.pid, signal.SIGTERM)
-    except ProcessLookupError:
-        return
+
+    def send(sig):
+        try:
+            os.killpg(proc.pid, sig)
+        except ProcessLookupError:  # not a group leader: the child alone
+            proc.send_signal(sig)
+
+    send(signal.SIGTERM)
     try:
         proc.wait(grace)
     except subprocess.TimeoutExpired:
-        os.killpg(proc.pid, signal.SIGKILL)
+        send(signal.SIGKILL)
         proc.wait()
 
 
@@ -259,10 +282,10 @@ class Agent:
             return f.read().decode("utf-8", "replace")
 
     def wait_ready(self, timeout=30.0):
-        """Waits until BlueZ was asked to make the daemon its default agent."""
-        wait_until(lambda: self.proc.poll() is not None
-                   or self.bluez.calls("/org/bluez", "RequestDefaultAgent"),
-                   timeout, "the daemon to register its agent")
+        """Waits until start-up is complete: its last step, the file monitor's watch, is in
+        place, or the monitor has logged why it cannot watch."""
+        wait_until(lambda: self.proc.poll() is not None or watching(self.pid)
+                   or "BluetoothFileMonitor: m" in self.log(), timeout, "the daemon's start-up")
         if self.proc.poll() is not None:
             raise RuntimeError(f"bluetooth-agent exited with {self.proc.returncode}")
         return self

@@ -1,0 +1,55 @@
+// The floor for the pairing relay: a minimal Qt agent that only defers BlueZ's question,
+// signals it to the user interface and replies with the answer.
+
+#include <QCoreApplication>
+#include <QDBusAbstractAdaptor>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+
+class FloorAgent : public QDBusAbstractAdaptor
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.bluez.Agent1")
+
+public:
+    explicit FloorAgent(QObject *parent)
+        : QDBusAbstractAdaptor(parent)
+    { }
+
+public slots:
+    void RequestConfirmation(const QDBusObjectPath &, uint passkey, const QDBusMessage &msg)
+    {
+        msg.setDelayedReply(true);
+        pending = msg;
+        emit RequestUserConfirmation(passkey);
+    }
+
+    void userConfirmation(bool confirm)
+    {
+        QDBusConnection::systemBus().send(confirm
+                ? pending.createReply(true)
+                : pending.createErrorReply(
+                    QStringLiteral("org.bluez.Agent1.Rejected"), QStringLiteral("Rejected")));
+    }
+
+signals:
+    void RequestUserConfirmation(uint passkey);
+
+private:
+    QDBusMessage pending;
+};
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QObject agent;
+    new FloorAgent(&agent);
+    QDBusConnection bus = QDBusConnection::systemBus();
+    if (!bus.registerObject(QStringLiteral("/BluetoothAgent"), &agent)
+        || !bus.registerService(QStringLiteral("com.quorvane.BluetoothAgent")))
+        return 1;
+    return app.exec();
+}
+
+#include "floor_agent.moc"
