@@ -8,6 +8,13 @@
 #include <QTemporaryFile>
 
 #include <fstream>
+#include <limits>
+
+namespace {
+// What QByteArray holds at most, less its header; and the pieces a larger file is copied in.
+constexpr qint64 largestInMemory = std::numeric_limits<int>::max() - 64;
+constexpr qint64 largestPiece = 8 * 1024 * 1024;
+} // namespace
 
 FileUploader::FileUploader()
     : mUploadDir(Names::SpoolDir)
@@ -56,9 +63,18 @@ void FileUploader::doWork(const QString &path)
     // Whether the stream opened is not checked: the file then stays empty and goes on.
     std::ofstream out(
         temporary->fileName().toLocal8Bit().constData(), std::ios::out | std::ios::trunc);
-    const QByteArray content = source.readAll();
-    // The source's size now, but never more than was read: it may have shrunk meanwhile.
-    out.write(content.constData(), std::streamsize(qMin<qint64>(source.size(), content.size())));
+    if (source.size() <= largestInMemory) {
+        const QByteArray content = source.readAll();
+        // The source's size now, but never more than was read: it may have shrunk meanwhile.
+        out.write(
+            content.constData(), std::streamsize(qMin<qint64>(source.size(), content.size())));
+    } else {
+        // Qt cannot read this much in one piece and would leave the copy empty while the received
+        // file is removed: the whole file is copied all the same, a piece at a time.
+        QByteArray piece;
+        while (!(piece = source.read(largestPiece)).isEmpty())
+            out.write(piece.constData(), piece.size());
+    }
     temporary->close();
 
     const QFileInfo temporaryInfo(*temporary);

@@ -5,7 +5,10 @@ of it through TransferComplete."""
 import hashlib
 import os
 import re
+import shutil
 import subprocess
+
+import pytest
 
 from simenv import pump, wait_until
 
@@ -192,6 +195,30 @@ def test_large_file_is_copied_exactly(world, ui):
             return hashlib.file_digest(f, "sha256").hexdigest()
 
     wait_until(lambda: spooled_digest() == digest.hexdigest(), 60, "the exact copy")
+
+
+def test_file_beyond_what_memory_takes_in_one_piece_is_copied_exactly(world, ui):
+    size = (5 << 30) // 2  # 2.5 GiB: more than Qt reads into memory at once
+    if shutil.disk_usage(world.workdir).free < 10 << 30:
+        pytest.skip("needs 10 GiB of free disk for the copy")
+    path = os.path.join(world.sandbox.obex, "huge.brf")
+    # Sparse, with marks around the 2 GiB boundary and at both ends.
+    with open(path, "wb") as f:
+        f.truncate(size)
+        for offset in (0, (1 << 30) - 7, (2 << 30) - 4096, (2 << 30) + 13, size - 4096):
+            f.seek(offset)
+            f.write(hashlib.sha256(b"%d" % offset).digest() * 128)
+
+    def digest(name):
+        with open(name, "rb") as f:
+            return hashlib.file_digest(f, "sha256").hexdigest()
+
+    expected = digest(path)
+    assert ui.wait_signal("TransferComplete", timeout=600) == [["huge.brf"]]
+    [name] = os.listdir(world.sandbox.www)
+    copy = os.path.join(world.sandbox.www, name)
+    wait_until(lambda: os.path.getsize(copy) == size, 120, "the whole copy")
+    assert digest(copy) == expected
 
 
 def test_folders_and_vanished_files_do_not_disturb_the_intake(world, ui):
