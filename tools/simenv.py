@@ -140,7 +140,7 @@ class SystemBus:
 class Bluez:
     """python-dbusmock's bluez5 template with the adapter hci0."""
 
-    def __init__(self, bus, adapter_alias="simulated-adapter", with_adapter=True):
+    def __init__(self, bus):
         # The mock logs every call it serves, in order, to its standard output.
         self.log_path = os.path.join(bus.workdir, "bluez.log")
         with open(self.log_path, "ab") as log:
@@ -153,8 +153,7 @@ class Bluez:
         if self.proc.poll() is not None:
             raise RuntimeError("the simulated BlueZ did not start")
         self.root = self.obj("/")
-        if with_adapter:
-            self.root.AddAdapter("hci0", adapter_alias, dbus_interface=BLUEZ_MOCK_IFACE)
+        self.root.AddAdapter("hci0", "simulated-adapter", dbus_interface=BLUEZ_MOCK_IFACE)
 
     def obj(self, path):
         return self.conn.get_object("org.bluez", path)
@@ -166,13 +165,11 @@ class Bluez:
     def set_adapter_properties(self, **props):
         self.obj(ADAPTER_PATH).UpdateProperties(ADAPTER_IFACE, props, dbus_interface=MOCK_IFACE)
 
-    def add_device(self, address, alias, paired=False, connected=False):
+    def add_device(self, address, alias, paired=False):
         """Adds a phone (announced with InterfacesAdded); returns its object path."""
         path = self.root.AddDevice("hci0", address, alias, dbus_interface=BLUEZ_MOCK_IFACE)
         if paired:
             self.root.PairDevice("hci0", address, 5898764, dbus_interface=BLUEZ_MOCK_IFACE)
-        if connected:
-            self.update_device(path, Connected=True)
         return str(path)
 
     def update_device(self, path, interface=DEVICE_IFACE, **props):
@@ -266,9 +263,7 @@ def ctl_command():
 class Agent:
     """bluetooth-agent running in the sandbox on the private bus; its log goes to a file."""
 
-    def __init__(self, bus, sandbox, bluez=None, env=None):
-        self.bus = bus
-        self.bluez = bluez
+    def __init__(self, bus, sandbox, env=None):
         self.log_path = os.path.join(sandbox.workdir, "bluetooth-agent.log")
         self.log_file = open(self.log_path, "ab")
         self.proc = subprocess.Popen(
@@ -373,10 +368,8 @@ def unwrap(value):
 class World:
     """Bus, BlueZ (optional), sandbox and daemon together, torn down in reverse order."""
 
-    def __init__(self, hostname=b"embosser\n", with_bluez=True, keep=False, bus_config=None,
-                 bus_launcher=()):
+    def __init__(self, hostname=b"embosser\n", with_bluez=True, bus_config=None, bus_launcher=()):
         self.workdir = tempfile.mkdtemp(prefix="bluetooth-agent-")
-        self.keep = keep
         self.bus = self.bluez = self.agent = None
         try:
             self.bus = SystemBus(self.workdir, bus_config and bus_config(self.workdir),
@@ -388,7 +381,7 @@ class World:
             raise
 
     def start_agent(self, wait=True, env=None):
-        self.agent = Agent(self.bus, self.sandbox, self.bluez, env)
+        self.agent = Agent(self.bus, self.sandbox, env)
         if wait:
             self.agent.wait_ready()
         return self.agent
@@ -400,5 +393,4 @@ class World:
         for part in (self.agent, self.bluez, self.bus):
             if part is not None:
                 part.stop()
-        if not self.keep:
-            shutil.rmtree(self.workdir, ignore_errors=True)
+        shutil.rmtree(self.workdir, ignore_errors=True)
