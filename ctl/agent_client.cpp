@@ -1,6 +1,7 @@
 #include "agent_client.h"
 
 #include "bluetoothagent_interface.h"
+#include "constants.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -8,14 +9,13 @@
 #include <QTimer>
 
 namespace {
-const QString service = QStringLiteral("com.quorvane.BluetoothAgent");
-const QString path = QStringLiteral("/BluetoothAgent");
 // The daemon reads each device's properties from BlueZ before it answers with the list.
 constexpr int listTimeoutMs = 25000;
 } // namespace
 
 AgentClient::AgentClient()
-    : proxy(new BluetoothAgentInterface(service, path, QDBusConnection::systemBus(), this))
+    : proxy(new BluetoothAgentInterface(
+        Names::AgentService, Names::AgentPath, QDBusConnection::systemBus(), this))
 { }
 
 QDBusError AgentClient::reach()
@@ -24,8 +24,8 @@ QDBusError AgentClient::reach()
     if (!bus.isConnected())
         return QDBusError(
             QDBusError::Disconnected, QLatin1String("no system bus: ") + bus.lastError().message());
-    const QDBusMessage ping = QDBusMessage::createMethodCall(
-        service, path, QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"));
+    const QDBusMessage ping = QDBusMessage::createMethodCall(Names::AgentService, Names::AgentPath,
+        QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"));
     return QDBusError(bus.call(ping));
 }
 

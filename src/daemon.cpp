@@ -54,6 +54,7 @@ Daemon::Daemon()
     connect(&monitorThread, &QThread::finished, monitor, &QObject::deleteLater);
     connect(this, &Daemon::startMonitor, monitor, &FileMonitor::doWork);
     connect(monitor, &FileMonitor::fileEvent, this, &Daemon::processFileEvent);
+    connect(monitor, &FileMonitor::fileFound, this, &Daemon::processFoundFile);
     monitorThread.start(QThread::InheritPriority);
 }
 
@@ -104,18 +105,17 @@ bool Daemon::init()
     return true;
 }
 
-void Daemon::processFileEvent(const QString &name, uint mask)
+void Daemon::processFileEvent(const QByteArray &name, uint mask)
 {
-    // Equality, not a bit test: only a plain close-after-write counts.
-    if (mask != IN_CLOSE_WRITE)
-        return;
-    // The uploader's own read-write open of a file ends in one more close event for its name.
-    if (pendingNames.contains(name)) {
-        pendingNames.removeOne(name);
-        return;
-    }
-    pendingNames.append(name);
-    emit startUploader(Names::ReceiveDir + QLatin1Char('/') + name);
+    // Equality, not a bit test: only a plain close-after-write, a writer done with a file, counts.
+    if (mask == IN_CLOSE_WRITE)
+        processFoundFile(name);
+}
+
+void Daemon::processFoundFile(const QByteArray &name)
+{
+    // The same file may come twice (its close event and a sweep): the uploader takes it once.
+    emit startUploader(Names::ReceiveDir.toLocal8Bit() + '/' + name);
 }
 
 void Daemon::uploaderDone(const QString &file)

@@ -1,9 +1,9 @@
 #ifndef DAEMON_H
 #define DAEMON_H
 
+#include <QByteArray>
 #include <QObject>
 #include <QString>
-#include <QStringList>
 #include <QThread>
 
 class PairingAgent;
@@ -25,21 +25,20 @@ public:
     bool init();
 
 signals:
-    void startUploader(const QString &path);
+    void startUploader(const QByteArray &path);
     void startMonitor();
 
 public slots:
     void uploaderDone(const QString &file);
     void uploadError(const QString &message);
-    void processFileEvent(const QString &name, uint mask);
+    void processFileEvent(const QByteArray &name, uint mask);
+    void processFoundFile(const QByteArray &name);
 
 private:
     // Never quit or waited for: they run as long as the process.
     QThread uploaderThread;
     QThread monitorThread;
     PairingAgent *agent = nullptr;
-    // Names whose upload started and whose echo close event is still to come.
-    QStringList pendingNames;
 };
 
 #endif // DAEMON_H

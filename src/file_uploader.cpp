@@ -3,22 +3,121 @@
 #include "constants.h"
 
 #include <QFile>
-#include <QFileInfo>
 #include <QMutexLocker>
 #include <QTemporaryFile>
 
-#include <fstream>
-#include <limits>
+#include <cerrno>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <memory>
+#include <new>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
 
 namespace {
-// What QByteArray holds at most, less its header; and the pieces a larger file is copied in.
-constexpr qint64 largestInMemory = std::numeric_limits<int>::max() - 64;
-constexpr qint64 largestPiece = 8 * 1024 * 1024;
+
+// Closes a descriptor when it goes out of scope.
+struct Descriptor
+{
+    explicit Descriptor(int fd)
+        : fd(fd)
+    { }
+    ~Descriptor()
+    {
+        if (fd != -1)
+            ::close(fd);
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    const int fd;
+};
+
+// Whether the daemon may take the file: it can read it and, as for a file it opened for reading
+// and writing, may remove it afterwards (not immutable, not append-only, not read-only mounted).
+bool removable(const QByteArray &path, int fd)
+{
+    int flags = 0;
+    if (ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & (FS_IMMUTABLE_FL | FS_APPEND_FL)))
+        return false;
+    return access(path.constData(), W_OK) == 0;
+}
+
+// Whether some process still has the file open for writing: then its writer is not done, and
+// the close that ends its writing brings it back. A read lease is refused exactly then.
+bool stillBeingWritten(int fd)
+{
+    if (fcntl(fd, F_SETLEASE, F_RDLCK) == 0) {
+        fcntl(fd, F_SETLEASE, F_UNLCK);
+        return false;
+    }
+    // Leases not to be had here (no right to them, a file system without them): the close
+    // event that brought the file is all there is to go by.
+    return errno == EAGAIN;
+}
+
+// Copies what is left of source into target: the kernel's own copy where it can, pieces through
+// a small buffer where it cannot, so memory stays the same whatever the size. The number of bytes
+// copied, or -1 on any failure.
+qint64 copyAll(int source, int target)
+{
+    qint64 total = 0;
+    for (;;) {
+        const ssize_t n = copy_file_range(source, nullptr, target, nullptr, 1 << 30, 0);
+        if (n > 0) {
+            total += n;
+            continue;
+        }
+        if (n == 0)
+            return total;
+        if (errno == EINTR)
+            continue;
+        if (errno != EXDEV && errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP)
+            return -1;
+        break;
+    }
+    constexpr size_t pieceSize = 1 << 20;
+    const std::unique_ptr<char[]> piece(new (std::nothrow) char[pieceSize]);
+    if (!piece)
+        return -1;
+    for (;;) {
+        const ssize_t n = read(source, piece.get(), pieceSize);
+        if (n == 0)
+            return total;
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return -1;
+        }
+        // Never more than was read.
+        for (ssize_t written = 0; written < n;) {
+            const ssize_t w = write(target, piece.get() + written, size_t(n - written));
+            if (w < 0 && errno == EINTR)
+                continue;
+            if (w <= 0)
+                return -1;
+            written += w;
+        }
+        total += n;
+    }
+}
+
+// Removes the received file, but only the one that was taken: a new file that has taken its
+// name meanwhile waits for its own close event.
+void removeSource(const QByteArray &path, const struct stat &taken)
+{
+    struct stat now;
+    if (lstat(path.constData(), &now) == 0 && now.st_dev == taken.st_dev
+        && now.st_ino == taken.st_ino)
+        unlink(path.constData());
+}
+
 } // namespace
 
 FileUploader::FileUploader()
     : mUploadDir(Names::SpoolDir)
-    // Backslashes and quotes included: every spool name carries these 19 characters as they are.
+    // Backslashes and quotes included: see "Deliberate behaviours" in the README.
     , mFilePrefix(QStringLiteral("\\\"bluetooth-agent\\\""))
     , mAcceptedSuffixes({ QStringLiteral(".pdf"), QStringLiteral(".doc"), QStringLiteral(".docx"),
           QStringLiteral(".rtf"), QStringLiteral(".txt"), QStringLiteral(".brf"),
@@ -26,78 +125,97 @@ FileUploader::FileUploader()
           QStringLiteral(".tvx"), QStringLiteral(".template") })
 { }
 
-void FileUploader::doWork(const QString &path)
+QByteArray FileUploader::suffixOf(const QByteArray &fileName)
 {
-    // Read-write on purpose: closing it makes the one echo event that the daemon discards.
-    QFile source(path);
-    if (!source.open(QIODevice::ReadWrite)) {
+    const int dot = fileName.lastIndexOf('.');
+    return dot == -1 ? QByteArray(".") : fileName.mid(dot);
+}
+
+bool FileUploader::accepts(const QByteArray &suffix) const
+{
+    return mAcceptedSuffixes.contains(QString::fromLatin1(suffix), Qt::CaseSensitive);
+}
+
+QString FileUploader::nameTemplate(quint32 number, const QByteArray &suffix) const
+{
+    // The leading dot hides the file from the spooler while it is written.
+    return mUploadDir + QLatin1String("/.") + mFilePrefix + QString::number(number)
+        + QLatin1String("-XXXXXX") + QString::fromLatin1(suffix);
+}
+
+void FileUploader::doWork(const QByteArray &path)
+{
+    if (take(path) != Outcome::Spooled)
+        return;
+    // The spool takes files again: those it could not take before are tried once more.
+    const QSet<QByteArray> waiting = std::exchange(mWaiting, {});
+    for (const QByteArray &earlier : waiting)
+        take(earlier);
+}
+
+FileUploader::Outcome FileUploader::take(const QByteArray &path)
+{
+    // Read-only, so that taking a file makes no close event of its own; never through a link,
+    // never waiting for a pipe's writer, never creating anything.
+    const Descriptor source(
+        open(path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (source.fd == -1 && errno == ENOENT) {
+        // Taken already, or removed by its writer: nothing is lost.
+        mWaiting.remove(path);
+        return Outcome::NotThere;
+    }
+    struct stat taken;
+    if (source.fd == -1 || fstat(source.fd, &taken) != 0 || !S_ISREG(taken.st_mode)
+        || taken.st_nlink != 1 || !removable(path, source.fd)) {
         emit error(QStringLiteral("unable to open file"));
-        return;
+        return Outcome::Refused;
     }
+    if (stillBeingWritten(source.fd))
+        return Outcome::NotThere;
 
-    const QString suffix = QLatin1Char('.') + QFileInfo(path).suffix();
-    if (!mAcceptedSuffixes.contains(suffix, Qt::CaseSensitive)) {
+    const QByteArray name = path.mid(path.lastIndexOf('/') + 1);
+    const QByteArray suffix = suffixOf(name);
+    if (!accepts(suffix)) {
         emit error(QStringLiteral("wrong file type"));
-        source.remove();
-        return;
+        removeSource(path, taken);
+        return Outcome::Refused;
     }
 
-    QString nameTemplate;
+    quint32 number;
     {
         QMutexLocker lock(&mMutex);
-        ++mCounter;
-        // The leading dot hides the file from the spooler while it is written.
-        nameTemplate = mUploadDir + QLatin1String("/.") + mFilePrefix + QString::number(mCounter)
-            + QLatin1String("-XXXXXX") + suffix;
+        number = ++mCounter;
     }
-
-    auto *temporary = new QTemporaryFile(nameTemplate, this);
-    if (!temporary->open()) {
-        emit error(QStringLiteral("unable to open temp file"));
-        source.remove();
-        delete temporary;
-        return;
+    // The copy is whole and closed before it takes its visible name; until then, and after any
+    // failure, the received file stays where it is.
+    const auto spoolFailed = [this, &path](const QString &text) {
+        emit error(text);
+        mWaiting.insert(path);
+        return Outcome::SpoolFailed;
+    };
+    try {
+        QTemporaryFile copy(nameTemplate(number, suffix));
+        if (!copy.open())
+            return spoolFailed(QStringLiteral("unable to open temp file"));
+        copy.setAutoRemove(false);
+        const bool whole = copyAll(source.fd, copy.handle()) == qint64(taken.st_size);
+        copy.close();
+        if (!whole || copy.error() != QFileDevice::NoError) {
+            QFile::remove(copy.fileName());
+            return spoolFailed(QStringLiteral("unable to open temp file"));
+        }
+        const QString hidden = copy.fileName();
+        const QString visible = mUploadDir + QLatin1Char('/') + hidden.mid(mUploadDir.size() + 2);
+        // Never over an existing file: a copy of the same name stays, and this one is tried again.
+        if (!copy.rename(visible)) {
+            QFile::remove(hidden);
+            return spoolFailed(QStringLiteral("unable to rename file"));
+        }
+    } catch (const std::bad_alloc &) {
+        return spoolFailed(QStringLiteral("unable to open temp file"));
     }
-    temporary->setAutoRemove(false);
-
-    // Whether the stream opened is not checked: the file then stays empty and goes on.
-    std::ofstream out(
-        temporary->fileName().toLocal8Bit().constData(), std::ios::out | std::ios::trunc);
-    if (source.size() <= largestInMemory) {
-        const QByteArray content = source.readAll();
-        // The source's size now, but never more than was read: it may have shrunk meanwhile.
-        out.write(
-            content.constData(), std::streamsize(qMin<qint64>(source.size(), content.size())));
-    } else {
-        // Qt cannot read this much in one piece and would leave the copy empty while the received
-        // file is removed: the whole file is copied all the same, a piece at a time.
-        QByteArray piece;
-        while (!(piece = source.read(largestPiece)).isEmpty())
-            out.write(piece.constData(), piece.size());
-    }
-    temporary->close();
-
-    const QFileInfo temporaryInfo(*temporary);
-    const QString destination =
-        temporaryInfo.absolutePath() + QLatin1Char('/') + temporaryInfo.fileName().mid(1);
-    bool moved = false;
-    // A file already standing under the new name is removed, and that counts as a failure.
-    if (QFile::remove(destination)) {
-        emit error(QLatin1String("unable to remove destination file") + destination);
-    } else if (temporary->rename(destination)) {
-        moved = true;
-        const QString name = QFileInfo(source).fileName();
-        source.remove();
-        emit uploadDone(name);
-    } else {
-        emit error(QStringLiteral("unable to rename file"));
-    }
-    if (!moved) {
-        QFile::remove(temporary->fileName());
-        source.remove();
-    }
-
-    // Flushed only now, after the rename and the signal: that order is kept.
-    out.close();
-    delete temporary;
+    removeSource(path, taken);
+    mWaiting.remove(path);
+    emit uploadDone(QString::fromUtf8(name));
+    return Outcome::Spooled;
 }

@@ -205,7 +205,7 @@ DeviceInterface *PairingAgent::watchDevice(const QString &path)
     return device;
 }
 
-QString PairingAgent::addressFromPath(const QString &path) const
+QString PairingAgent::addressFromPath(const QString &path)
 {
     // Drops the "/" and the "dev_" in front of the address.
     const int slash = path.lastIndexOf(QLatin1Char('/'));

@@ -24,6 +24,10 @@ public:
     // Fills the registry from BlueZ's object manager, once at start-up.
     void loadDevices();
 
+    // The address in a BlueZ device path: what follows "/dev_" after the last "/", with ":" for
+    // "_" (…/dev_00_11_22_33_44_55 gives 00:11:22:33:44:55).
+    static QString addressFromPath(const QString &path);
+
 signals:
     void ConnectionStatus(const QString &device, bool status);
     void TransferComplete(const QString &file);
@@ -57,7 +61,6 @@ private:
     void answerPending(bool confirm, const QVariant &value);
     void rejectAtOnce(const QDBusMessage &msg);
     DeviceInterface *watchDevice(const QString &path);
-    QString addressFromPath(const QString &path) const;
 
     QDBusMessage pendingMessage;
     QMap<QString, QString> devices; // address -> device object path

@@ -202,8 +202,9 @@ class Bluez:
 class Sandbox:
     """The daemon's fixed paths as test files: a host-name file and the spool folders."""
 
-    def __init__(self, workdir, hostname=b"embosser\n"):
+    def __init__(self, workdir, hostname=b"embosser\n", spool_size=None):
         self.workdir = workdir
+        self.spool_size = spool_size
         self.spool = os.path.join(workdir, "spool")
         self.obex = os.path.join(self.spool, "lp", "obex")
         self.www = os.path.join(self.spool, "lp", "www")
@@ -226,11 +227,15 @@ class Sandbox:
         return sorted(os.listdir(self.obex))
 
     def spooled(self):
-        """The print spool: file name -> content."""
+        """The print spool as the spooler sees it: visible file name -> content."""
         files = {}
         for name in os.listdir(self.www):
-            with open(os.path.join(self.www, name), "rb") as f:
-                files[name] = f.read()
+            try:
+                if not name.startswith("."):
+                    with open(os.path.join(self.www, name), "rb") as f:
+                        files[name] = f.read()
+            except FileNotFoundError:
+                pass  # printed and removed meanwhile
         return files
 
     def wrap(self, command):
@@ -240,7 +245,13 @@ class Sandbox:
             where = ["--no-hostname", scratch]
         else:
             where = ["--hostname", self.hostname_file]
+        if self.spool_size:
+            where += ["--spool-size", str(self.spool_size)]
         return [SANDBOX_RUN, "--spool", self.spool, *where, "--", *command]
+
+
+def normalized(line):
+    return " ".join(line.replace('"', "").split())
 
 
 def program(variable):
@@ -271,10 +282,26 @@ class Agent:
             stdin=subprocess.DEVNULL, stdout=self.log_file, stderr=subprocess.STDOUT,
             start_new_session=True)
         self.pid = self.proc.pid
+        self.expected = set()
 
     def log(self):
         with open(self.log_path, "rb") as f:
             return f.read().decode("utf-8", "replace")
+
+    def lines(self):
+        """The log's lines as text and order tell them: runs of spaces and the quotes that the
+        log stream puts around strings do not count."""
+        return [normalized(line) for line in self.log().splitlines()]
+
+    def expect(self, *lines):
+        """Declares log lines (in the form lines() gives) that the test expects to see."""
+        self.expected.update(normalized(line) for line in lines)
+        return self
+
+    def unexpected(self, allowed=()):
+        """The log lines that were neither expected nor allowed."""
+        return [line for line in self.lines()
+                if line not in self.expected and not any(a in line for a in allowed)]
 
     def wait_ready(self, timeout=30.0):
         """Waits until start-up is complete: its last step, the file monitor's watch, is in
@@ -303,7 +330,8 @@ class Client:
         self.conn.add_signal_receiver(
             self._on_signal, dbus_interface=AGENT_IFACE, path=AGENT_PATH,
             member_keyword="member")
-        self.agent = self.conn.get_object(AGENT_SERVICE, AGENT_PATH, introspect=False)
+        self.agent = self.conn.get_object(AGENT_SERVICE, AGENT_PATH, introspect=False,
+                                          follow_name_owner_changes=True)
 
     def _on_signal(self, *args, member=None):
         self.signals.append((member, [unwrap(a) for a in args]))
@@ -368,14 +396,15 @@ def unwrap(value):
 class World:
     """Bus, BlueZ (optional), sandbox and daemon together, torn down in reverse order."""
 
-    def __init__(self, hostname=b"embosser\n", with_bluez=True, bus_config=None, bus_launcher=()):
+    def __init__(self, hostname=b"embosser\n", with_bluez=True, bus_config=None, bus_launcher=(),
+                 spool_size=None):
         self.workdir = tempfile.mkdtemp(prefix="bluetooth-agent-")
         self.bus = self.bluez = self.agent = None
         try:
             self.bus = SystemBus(self.workdir, bus_config and bus_config(self.workdir),
                                  bus_launcher)
             self.bluez = Bluez(self.bus) if with_bluez else None
-            self.sandbox = Sandbox(self.workdir, hostname)
+            self.sandbox = Sandbox(self.workdir, hostname, spool_size)
         except BaseException:
             self.stop()
             raise

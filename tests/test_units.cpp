@@ -1,0 +1,127 @@
+#include "command_line.h"
+#include "daemon.h"
+#include "file_uploader.h"
+#include "pairing_agent.h"
+
+#include <QSignalSpy>
+#include <QtTest>
+
+#include <sys/inotify.h>
+
+// The daemon's and the control tool's rules that need no bus, no root and no files.
+class UnitsTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void addressFromPath_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("address");
+        QTest::newRow("device") << "/org/bluez/hci0/dev_00_11_22_33_44_55"
+                                << "00:11:22:33:44:55";
+        QTest::newRow("below a device") << "/org/bluez/hci0/dev_00_11_22_33_44_55/sep1"
+                                        << "";
+        QTest::newRow("no slash") << "dev_AA_BB"
+                                  << "AA:BB";
+    }
+
+    void addressFromPath()
+    {
+        QFETCH(QString, path);
+        QFETCH(QString, address);
+        QCOMPARE(PairingAgent::addressFromPath(path), address);
+    }
+
+    void suffixesAreTakenAfterTheLastDotAndCompareExactly_data()
+    {
+        QTest::addColumn<QByteArray>("name");
+        QTest::addColumn<QByteArray>("suffix");
+        QTest::addColumn<bool>("accepted");
+        QTest::newRow("brf") << QByteArray("letter.brf") << QByteArray(".brf") << true;
+        QTest::newRow("two dots") << QByteArray("archive.tar.brf") << QByteArray(".brf") << true;
+        QTest::newRow("template") << QByteArray("form.template") << QByteArray(".template") << true;
+        QTest::newRow("upper case") << QByteArray("REPORT.PDF") << QByteArray(".PDF") << false;
+        QTest::newRow("no dot") << QByteArray("notes") << QByteArray(".") << false;
+        QTest::newRow("bytes") << QByteArray("\xff.p\xe4"
+                                             "f")
+                               << QByteArray(".p\xe4"
+                                             "f")
+                               << false;
+    }
+
+    void suffixesAreTakenAfterTheLastDotAndCompareExactly()
+    {
+        QFETCH(QByteArray, name);
+        QFETCH(QByteArray, suffix);
+        QFETCH(bool, accepted);
+        FileUploader uploader;
+        QCOMPARE(FileUploader::suffixOf(name), suffix);
+        QCOMPARE(uploader.accepts(suffix), accepted);
+    }
+
+    void spoolNameIsHiddenPrefixedAndNumbered()
+    {
+        QCOMPARE(FileUploader().nameTemplate(12, ".brf"),
+            QStringLiteral("/var/spool/lp/www/.\\\"bluetooth-agent\\\"12-XXXXXX.brf"));
+    }
+
+    void onlyAPlainCloseAfterWriteOrAFoundFileStartsAnUpload()
+    {
+        // Never deleted: its worker threads run until the process ends, as in the daemon.
+        auto *daemon = new Daemon;
+        disconnect(daemon, &Daemon::startUploader, nullptr, nullptr);
+        QSignalSpy started(daemon, &Daemon::startUploader);
+        for (uint mask : QList<uint> { IN_CREATE, IN_CREATE | IN_ISDIR, IN_CLOSE_WRITE | IN_ISDIR,
+                 IN_Q_OVERFLOW, IN_IGNORED, 0 })
+            daemon->processFileEvent("a.pdf", mask);
+        QCOMPARE(started.size(), 0);
+        daemon->processFileEvent("caf\xe9.txt", IN_CLOSE_WRITE);
+        daemon->processFoundFile("b.brf");
+        QCOMPARE(started.size(), 2);
+        QCOMPARE(started.at(0).at(0).toByteArray(), QByteArray("/var/spool/lp/obex/caf\xe9.txt"));
+        QCOMPARE(started.at(1).at(0).toByteArray(), QByteArray("/var/spool/lp/obex/b.brf"));
+    }
+
+    void commandLine_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<int>("kind");
+        QTest::addColumn<bool>("flag");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("confirm") << QStringList { "confirm", "no" } << int(Command::Confirm)
+                                 << false << QString();
+        QTest::newRow("pin") << QStringList { "pin", "0815" } << int(Command::Pin) << true
+                             << "0815";
+        QTest::newRow("pin reject")
+            << QStringList { "pin", "--reject" } << int(Command::Pin) << false << QString();
+        QTest::newRow("power") << QStringList { "power", "on" } << int(Command::Power) << true
+                               << QString();
+        QTest::newRow("forget") << QStringList { "forget", "aa:bb:cc:dd:ee:0f" }
+                                << int(Command::Forget) << false << "AA:BB:CC:DD:EE:0F";
+        QTest::newRow("help") << QStringList { "forget", "--help" } << int(Command::Help) << false
+                              << "forget";
+    }
+
+    void commandLine()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(int, kind);
+        const Command command = parseCommandLine(args);
+        QCOMPARE(command.error, QString());
+        QCOMPARE(int(command.kind), kind);
+        QTEST(command.flag, "flag");
+        QTEST(command.text, "text");
+    }
+
+    void wrongCommandLinesSendNothing()
+    {
+        for (const QStringList &args : QList<QStringList> { {}, { "frobnicate" },
+                 { "confirm", "maybe" }, { "pin" }, { "power", "half" }, { "discoverable" },
+                 { "forget", "AA:BB:CC:DD:EE" }, { "devices", "extra" } })
+            QVERIFY2(!parseCommandLine(args).error.isEmpty(), qPrintable(args.join(' ')));
+    }
+};
+
+QTEST_GUILESS_MAIN(UnitsTest)
+#include "test_units.moc"
