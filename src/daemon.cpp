@@ -11,6 +11,7 @@
 #include <QDBusConnection>
 #include <QDBusInterface>
 #include <QDBusPendingReply>
+#include <QDBusServiceWatcher>
 #include <QFile>
 
 #include <sys/inotify.h>
@@ -77,13 +78,26 @@ bool Daemon::init()
         return false;
     }
 
-    // Used for start-up only, and kept until the process ends like every BlueZ proxy.
-    auto *adapter =
-        new BluetoothAdapterInterface(Names::BluezService, Names::AdapterPath, bus, nullptr);
+    // Kept until the process ends like every BlueZ proxy.
+    adapter = new BluetoothAdapterInterface(Names::BluezService, Names::AdapterPath, bus, nullptr);
     if (!adapter->isValid()) {
         qCCritical(lcDaemon) << "iface not valid, something went wrong!";
         return false;
     }
+    if (!setUpBluez())
+        return false;
+
+    // A restarted bluetoothd knows no agent: follow the owner of BlueZ's name and set it up
+    // again, once its adapter is there.
+    auto *watcher = new QDBusServiceWatcher(
+        Names::BluezService, bus, QDBusServiceWatcher::WatchForOwnerChange, this);
+    connect(watcher, &QDBusServiceWatcher::serviceOwnerChanged, this, &Daemon::bluezOwnerChanged);
+    connect(agent, &PairingAgent::adapterAdded, this, &Daemon::adapterAdded);
+    return true;
+}
+
+bool Daemon::setUpBluez()
+{
     // A failed read counts as "off" and leads to the write.
     if (!adapter->property("Powered").toBool()
         && !adapter->setProperty("Powered", QVariant(true))) {
@@ -95,14 +109,42 @@ bool Daemon::init()
 
     agent->loadDevices();
 
-    auto *manager = new QDBusInterface(
-        Names::BluezService, Names::AgentManagerPath, Names::AgentManagerInterface, bus);
+    if (!manager)
+        manager = new QDBusInterface(Names::BluezService, Names::AgentManagerPath,
+            Names::AgentManagerInterface, QDBusConnection::systemBus());
     const QVariant agentPath = QVariant::fromValue(QDBusObjectPath(Names::AgentPath));
     callAgentManager(manager, QStringLiteral("RegisterAgent"),
         { agentPath, QVariant(Names::AgentCapability) }, "RegisterAgent unsuccessful!");
     callAgentManager(manager, QStringLiteral("RequestDefaultAgent"), { agentPath },
         "RequestDefaultAgent unsuccessful!");
     return true;
+}
+
+void Daemon::bluezOwnerChanged(const QString &, const QString &oldOwner, const QString &newOwner)
+{
+    if (!oldOwner.isEmpty()) {
+        qCCritical(lcDaemon) << "BlueZ left the system bus";
+        agent->forgetBluez();
+        waitingForAdapter = false;
+    }
+    if (newOwner.isEmpty())
+        return;
+    if (!adapter->property("Powered").isValid()) {
+        qCCritical(lcDaemon) << "BlueZ is on the system bus without hci0: waiting for it";
+        waitingForAdapter = true;
+        return;
+    }
+    qCCritical(lcDaemon) << "BlueZ is on the system bus: registering the agent";
+    setUpBluez();
+}
+
+void Daemon::adapterAdded()
+{
+    if (!waitingForAdapter)
+        return;
+    waitingForAdapter = false;
+    qCCritical(lcDaemon) << "hci0 appeared: registering the agent";
+    setUpBluez();
 }
 
 void Daemon::processFileEvent(const QByteArray &name, uint mask)

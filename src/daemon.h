@@ -6,7 +6,9 @@
 #include <QString>
 #include <QThread>
 
+class BluetoothAdapterInterface;
 class PairingAgent;
+class QDBusInterface;
 
 // The adapter's name: the first line of the host-name file, its line feed included.
 QString getHostname();
@@ -34,11 +36,23 @@ public slots:
     void processFileEvent(const QByteArray &name, uint mask);
     void processFoundFile(const QByteArray &name);
 
+private slots:
+    void bluezOwnerChanged(const QString &name, const QString &oldOwner, const QString &newOwner);
+    void adapterAdded();
+
 private:
+    // BlueZ's part of start-up: power, name, devices, agent registration. False when the
+    // adapter cannot be powered.
+    bool setUpBluez();
+
     // Never quit or waited for: they run as long as the process.
     QThread uploaderThread;
     QThread monitorThread;
     PairingAgent *agent = nullptr;
+    BluetoothAdapterInterface *adapter = nullptr;
+    QDBusInterface *manager = nullptr;
+    // A new BlueZ came without its adapter: set it up when hci0 is announced.
+    bool waitingForAdapter = false;
 };
 
 #endif // DAEMON_H

@@ -3,19 +3,12 @@
 #include "constants.h"
 #include "dbus_types.h"
 
-#include <QDBusConnection>
-
 DeviceInterface::DeviceInterface(
     const QString &service, const QString &path, const QDBusConnection &connection, QObject *parent)
     : QDBusAbstractInterface(
         service, path, Names::DeviceInterface.toLatin1().constData(), connection, parent)
     , devicePath(path)
-{
-    // No signature: the slot takes the interface name and the changed properties and
-    // leaves the invalidated names aside.
-    QDBusConnection::systemBus().connect(Names::BluezService, path, Names::PropertiesInterface,
-        QStringLiteral("PropertiesChanged"), this, SLOT(PropertiesChanged(QString, QVariantMap)));
-}
+{ }
 
 bool DeviceInterface::connected() const { return property("Connected").toBool(); }
 
@@ -30,8 +23,8 @@ void DeviceInterface::PropertiesChanged(const QString &interface, const QVariant
     if (changed.isEmpty())
         return;
     const auto first = changed.constBegin();
-    // The quotes are meant: no BlueZ property name matches, so every change is reported,
-    // with the first changed value (in name order) as the status.
+    // No BlueZ property name has quotes, so every change is reported, with the first changed
+    // value (in name order) as the status: see "Deliberate behaviours" in the README.
     if (first.key() == QLatin1String("\"Connected\""))
         return;
     emit DeviceConnected(alias(), first.value().toBool());

@@ -5,7 +5,7 @@
 #include <QVariantMap>
 
 // One BlueZ device object: three read-only properties (each read is a blocking Properties
-// Get) and a watch on its PropertiesChanged signal, reported as DeviceConnected.
+// Get), and its property changes, handed in by PairingAgent, reported as DeviceConnected.
 class DeviceInterface : public QDBusAbstractInterface
 {
     Q_OBJECT
@@ -26,6 +26,12 @@ signals:
 
 public slots:
     void PropertiesChanged(const QString &interface, const QVariantMap &changed);
+
+protected:
+    // DeviceConnected is this watcher's own report, no signal of BlueZ: connecting to it must not
+    // subscribe to anything on the bus.
+    void connectNotify(const QMetaMethod &) override { }
+    void disconnectNotify(const QMetaMethod &) override { }
 
 private:
     QString devicePath;

@@ -5,6 +5,7 @@
 #include "deviceinterface.h"
 #include "logging.h"
 
+#include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusInterface>
 #include <QDBusMetaType>
@@ -21,10 +22,65 @@ PairingAgent::PairingAgent()
     qDBusRegisterMetaType<InterfaceList>();
     qDBusRegisterMetaType<ManagedObjectList>();
 
-    // A plain QVariantMap on purpose: only the announced interface names (its keys) are used.
-    QDBusConnection::systemBus().connect(Names::BluezService, Names::ObjectManagerPath,
-        Names::ObjectManagerInterface, QStringLiteral("InterfacesAdded"), this,
-        SLOT(interfaceAdded(QDBusObjectPath, QVariantMap)));
+    // The slots take the whole message and read it only when its types are BlueZ's: Qt D-Bus
+    // would hand a mistyped dictionary to a typed slot unchecked. One subscription serves every
+    // device, whatever their number over the daemon's life.
+    QDBusConnection bus = QDBusConnection::systemBus();
+    bus.connect(Names::BluezService, Names::ObjectManagerPath, Names::ObjectManagerInterface,
+        QStringLiteral("InterfacesAdded"), this, SLOT(onInterfacesAdded(QDBusMessage)));
+    bus.connect(Names::BluezService, Names::ObjectManagerPath, Names::ObjectManagerInterface,
+        QStringLiteral("InterfacesRemoved"), this, SLOT(onInterfacesRemoved(QDBusMessage)));
+    bus.connect(Names::BluezService, QString(), Names::PropertiesInterface,
+        QStringLiteral("PropertiesChanged"), this, SLOT(onPropertiesChanged(QDBusMessage)));
+}
+
+void PairingAgent::onInterfacesAdded(const QDBusMessage &msg)
+{
+    if (msg.signature() != QLatin1String("oa{sa{sv}}"))
+        return;
+    const QList<QVariant> args = msg.arguments();
+    const auto path = args.at(0).value<QDBusObjectPath>();
+    const auto interfaces = qdbus_cast<InterfaceList>(args.at(1));
+    if (path.path() == Names::AdapterPath && interfaces.contains(Names::AdapterInterface))
+        emit adapterAdded();
+    interfaceAdded(path, interfaces);
+}
+
+void PairingAgent::onInterfacesRemoved(const QDBusMessage &msg)
+{
+    if (msg.signature() != QLatin1String("oas"))
+        return;
+    const QList<QVariant> args = msg.arguments();
+    if (!qdbus_cast<QStringList>(args.at(1)).contains(Names::DeviceInterface))
+        return;
+    // The device and the objects below it are gone; its registry entry stays.
+    const QString path = args.at(0).value<QDBusObjectPath>().path();
+    for (auto it = watchers.begin(); it != watchers.end();) {
+        if (it.key() == path || it.key().startsWith(path + QLatin1Char('/'))) {
+            delete it.value();
+            it = watchers.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void PairingAgent::onPropertiesChanged(const QDBusMessage &msg)
+{
+    if (msg.signature() != QLatin1String("sa{sv}as"))
+        return;
+    DeviceInterface *watcher = watchers.value(msg.path());
+    if (!watcher)
+        return;
+    const QList<QVariant> args = msg.arguments();
+    watcher->PropertiesChanged(args.at(0).toString(), qdbus_cast<QVariantMap>(args.at(1)));
+}
+
+void PairingAgent::forgetBluez()
+{
+    pendingMessage = QDBusMessage();
+    qDeleteAll(watchers);
+    watchers.clear();
 }
 
 void PairingAgent::loadDevices()
@@ -47,7 +103,7 @@ void PairingAgent::loadDevices()
     }
 }
 
-void PairingAgent::interfaceAdded(const QDBusObjectPath &path, const QVariantMap &args)
+void PairingAgent::interfaceAdded(const QDBusObjectPath &path, const InterfaceList &args)
 {
     // BlueZ always announces at least one interface; an empty announcement says nothing.
     if (args.isEmpty())
@@ -62,7 +118,7 @@ void PairingAgent::interfaceAdded(const QDBusObjectPath &path, const QVariantMap
         return;
     }
 
-    // Each announcement adds a watcher, a repeated one too; only the registry write is guarded.
+    // Each announcement reports the device's state; a repeated one adds no second watcher.
     const DeviceInterface *device = watchDevice(path.path());
     const QString alias = device->alias();
     const bool connected = device->connected();
@@ -199,9 +255,12 @@ void PairingAgent::rejectAtOnce(const QDBusMessage &msg)
 
 DeviceInterface *PairingAgent::watchDevice(const QString &path)
 {
-    // Lives for the rest of the process: its connection is the device's watch.
-    auto *device = new DeviceInterface(Names::BluezService, path, QDBusConnection::systemBus());
-    connect(device, &DeviceInterface::DeviceConnected, this, &PairingAgent::deviceConnected);
+    DeviceInterface *&device = watchers[path];
+    if (!device) {
+        // Lives until BlueZ removes the device or leaves the bus.
+        device = new DeviceInterface(Names::BluezService, path, QDBusConnection::systemBus());
+        connect(device, &DeviceInterface::DeviceConnected, this, &PairingAgent::deviceConnected);
+    }
     return device;
 }
 

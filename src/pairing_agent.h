@@ -1,8 +1,11 @@
 #ifndef PAIRING_AGENT_H
 #define PAIRING_AGENT_H
 
+#include "dbus_types.h"
+
 #include <QDBusMessage>
 #include <QDBusObjectPath>
+#include <QHash>
 #include <QMap>
 #include <QObject>
 #include <QString>
@@ -28,15 +31,24 @@ public:
     // "_" (…/dev_00_11_22_33_44_55 gives 00:11:22:33:44:55).
     static QString addressFromPath(const QString &path);
 
+    // BlueZ left the bus: its pending question can no longer be answered and its device
+    // objects are gone. The registry stays.
+    void forgetBluez();
+
 signals:
     void ConnectionStatus(const QString &device, bool status);
     void TransferComplete(const QString &file);
     void RequestUserPin();
     void RequestUserConfirmation(uint passkey);
     void BluetoothDevices(const QVariantMap &devs);
+    // BlueZ announced the adapter hci0.
+    void adapterAdded();
 
 private slots:
-    void interfaceAdded(const QDBusObjectPath &path, const QVariantMap &args);
+    // BlueZ's object-manager and property signals, checked for the types BlueZ sends.
+    void onInterfacesAdded(const QDBusMessage &msg);
+    void onInterfacesRemoved(const QDBusMessage &msg);
+    void onPropertiesChanged(const QDBusMessage &msg);
     void deviceConnected(const QString &devName, bool status);
 
 public slots:
@@ -60,10 +72,13 @@ private:
     void deferReply(const QDBusMessage &msg);
     void answerPending(bool confirm, const QVariant &value);
     void rejectAtOnce(const QDBusMessage &msg);
+    void interfaceAdded(const QDBusObjectPath &path, const InterfaceList &interfaces);
     DeviceInterface *watchDevice(const QString &path);
 
     QDBusMessage pendingMessage;
     QMap<QString, QString> devices; // address -> device object path
+    // One watcher per device object path; BlueZ's property changes are handed to it by path.
+    QHash<QString, DeviceInterface *> watchers;
 };
 
 #endif // PAIRING_AGENT_H

@@ -6,132 +6,111 @@ import pytest
 
 PHONE = dbus.ObjectPath("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01")
 REJECTED = "org.bluez.Agent1.Rejected"
+LOGGED = "BluetoothPairingAgent: pairing_agent::"
 
 
-def ask_confirmation(ui, passkey, timeout=30):
-    reply = ui.call_async("RequestConfirmation", PHONE, dbus.UInt32(passkey), timeout=timeout)
+def ask(ui, method, *args, timeout=30):
+    """BlueZ asks; returns the pending reply once the user interface has the question."""
+    signal = "RequestUserPin" if method == "RequestPinCode" else "RequestUserConfirmation"
+    before = len(ui.received(signal))
+    reply = ui.call_async(method, PHONE, *args, timeout=timeout)
+    ui.wait_signal(signal, before + 1)
+    assert not reply.done, "BlueZ must wait for the user"
     return reply
 
 
-@pytest.mark.parametrize("answer", [True, False])
-def test_confirmation_goes_to_the_user_and_back(world, ui, answer):
-    reply = ask_confirmation(ui, 123456)
-    assert ui.wait_signal("RequestUserConfirmation") == [[123456]]
-    assert not reply.done, "BlueZ must wait for the user"
-    ui.call("userConfirmation", answer)
+@pytest.mark.parametrize("method, args, answer, values", [
+    ("RequestConfirmation", [dbus.UInt32(123456)], ("userConfirmation", True), [True]),
+    ("RequestConfirmation", [dbus.UInt32(123456)], ("userConfirmation", False), None),
+    ("RequestPinCode", [], ("userSuppliedPin", True, "0000"), ["0000"]),
+    ("RequestPinCode", [], ("userSuppliedPin", True, ""), [""]),
+    ("RequestPinCode", [], ("userSuppliedPin", False, "1234"), None),
+    # The answer serves whatever question is pending: BlueZ gets a boolean for a PIN.
+    ("RequestPinCode", [], ("userConfirmation", True), [True]),
+])
+def test_questions_go_to_the_user_and_the_answers_back(world, ui, method, args, answer, values):
+    world.agent.expect(LOGGED + method)
+    reply = ask(ui, method, *args)
+    if args:
+        assert ui.received("RequestUserConfirmation") == [[123456]]
+    ui.call(*answer)
     reply.wait()
-    if answer:
-        assert (reply.values, reply.error) == ([True], None)
-    else:
-        assert (reply.error, reply.message) == (REJECTED, "Rejected")
-    assert ('BluetoothPairingAgent: pairing_agent::RequestConfirmation  '
-            '"/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01"   123456') in world.agent.log()
+    assert (reply.values, reply.error, reply.message) == (
+        (values, None, None) if values else (None, REJECTED, "Rejected"))
+    assert world.agent.lines() == [LOGGED + method + " " + PHONE + (" 123456" if args else "")]
 
 
-@pytest.mark.parametrize("confirm, pin", [(True, "0000"), (True, ""), (True, "12 ab"),
-                                          (False, "1234")])
-def test_pin_request_goes_to_the_user_and_back(world, ui, confirm, pin):
-    reply = ui.call_async("RequestPinCode", PHONE)
-    ui.wait_signal("RequestUserPin")
-    assert not reply.done
-    ui.call("userSuppliedPin", confirm, pin)
-    reply.wait()
-    if confirm:
-        assert (reply.values, reply.error) == ([pin], None)
-    else:
-        assert (reply.error, reply.message) == (REJECTED, "Rejected")
-    assert "pairing_agent::RequestPinCode" in world.agent.log()
-
-
-def test_two_requests_before_one_answer_only_the_second_is_answered(ui):
-    first = ask_confirmation(ui, 111111, timeout=3)
-    ui.wait_signal("RequestUserConfirmation")
-    second = ask_confirmation(ui, 222222)
-    assert ui.wait_signal("RequestUserConfirmation", 2)[1] == [222222]
-    ui.call("userConfirmation", True)
-    assert second.wait().values == [True]
-    # The first one is left to BlueZ's own time-out.
-    assert first.wait(10).error == "org.freedesktop.DBus.Error.NoReply"
-
-
-def test_cancel_is_refused_and_the_question_stays_open(ui):
-    reply = ask_confirmation(ui, 654321)
-    ui.wait_signal("RequestUserConfirmation")
-    cancel = ui.call_async("Cancel").wait()
-    assert (cancel.error, cancel.message) == (REJECTED, "Rejected")
-    assert not reply.done
-    ui.call("userConfirmation", True)
-    assert reply.wait().values == [True]
-
-
-def test_answers_without_a_fresh_request_do_not_harm_the_daemon(world, ui):
-    # No request at all yet: nothing can be answered, the daemon goes on.
+def test_only_the_latest_question_can_be_answered(world, ui):
+    world.agent.expect(LOGGED + "RequestConfirmation")
+    # No question yet: the answers reach nobody and the daemon goes on.
     ui.call("userConfirmation", True)
     ui.call("userSuppliedPin", True, "1234")
-    reply = ask_confirmation(ui, 1)
-    ui.wait_signal("RequestUserConfirmation")
+    first = ask(ui, "RequestConfirmation", dbus.UInt32(111111), timeout=3)
+    second = ask(ui, "RequestConfirmation", dbus.UInt32(222222))
+    # BlueZ's Cancel is refused and leaves the question open.
+    cancel = ui.call_async("Cancel").wait()
+    assert (cancel.error, cancel.message) == (REJECTED, "Rejected")
     ui.call("userConfirmation", False)
-    assert reply.wait().error == REJECTED
-    # A second answer to the same request is sent and dropped by the bus.
+    assert second.wait().error == REJECTED
+    # The first is left to BlueZ's own time-out; a second answer goes nowhere.
+    assert first.wait(10).error == "org.freedesktop.DBus.Error.NoReply"
     ui.call("userConfirmation", True)
     assert ui.call("getPower") is True
-    assert world.agent.proc.poll() is None
 
 
-def test_the_answer_serves_whatever_request_is_pending(ui):
-    # The UI answers a PIN request with a confirmation: BlueZ gets a boolean, not a PIN.
-    reply = ui.call_async("RequestPinCode", PHONE)
-    ui.wait_signal("RequestUserPin")
-    ui.call("userConfirmation", True)
-    assert reply.wait().values == [True]
-
-
-@pytest.mark.parametrize("method, args, values, log_line", [
-    ("RequestPasskey", [PHONE], [0],
-     'pairing_agent::RequestPasskey  "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01"'),
-    ("DisplayPasskey", [PHONE, dbus.UInt32(4321), dbus.UInt16(2)], [],
-     'pairing_agent::DisplayPasskey  "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01"   4321   2'),
-    ("RequestAuthorization", [PHONE], [],
-     'pairing_agent::RequestAuthorization  "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01"'),
-    ("Release", [], [], "pairing_agent::Release"),
-    ("DisplayPinCode", [PHONE, "4711"], [], None),
+@pytest.mark.parametrize("method, args, values, error, line", [
+    ("RequestPasskey", [PHONE], [0], None, "RequestPasskey " + PHONE),
+    ("DisplayPasskey", [PHONE, dbus.UInt32(4321), dbus.UInt16(2)], [], None,
+     "DisplayPasskey " + PHONE + " 4321 2"),
+    ("RequestAuthorization", [PHONE], [], None, "RequestAuthorization " + PHONE),
+    ("Release", [], [], None, "Release"),
+    # A shown PIN is neither logged nor passed on.
+    ("DisplayPinCode", [PHONE, "4711"], [], None, None),
+    ("AuthorizeService", [PHONE, "0000110a-0000-1000-8000-00805f9b34fb"], None, REJECTED, None),
 ])
-def test_calls_answered_at_once(world, ui, method, args, values, log_line):
+def test_calls_answered_at_once(world, ui, method, args, values, error, line):
     reply = ui.call_async(method, *args).wait()
-    assert (reply.values, reply.error) == (values, None)
-    log = world.agent.log()
-    if log_line:
-        assert "BluetoothPairingAgent: " + log_line in log
-    else:
-        # A shown PIN is neither logged nor passed to the user interface.
-        assert "4711" not in log
+    assert (reply.values, reply.error) == (values, error)
+    logged = [line for line in world.agent.expect(LOGGED).lines() if line.startswith("Blue")]
+    assert logged == ([LOGGED + line] if line else [])
     assert ui.signals == []
-
-
-def test_service_authorisation_is_always_refused(ui):
-    for uuid in ["0000110a-0000-1000-8000-00805f9b34fb", ""]:
-        reply = ui.call_async("AuthorizeService", PHONE, uuid).wait()
-        assert (reply.error, reply.message) == (REJECTED, "Rejected")
 
 
 def test_silenced_log_changes_nothing_else(make_world):
     world = make_world()
     world.start_agent(env={"QT_LOGGING_RULES": "BluetoothPairingAgent.critical=false"})
     ui = world.client()
-    reply = ask_confirmation(ui, 42)
-    ui.wait_signal("RequestUserConfirmation")
+    reply = ask(ui, "RequestConfirmation", dbus.UInt32(42))
     ui.call("userConfirmation", True)
     assert reply.wait().values == [True]
     assert ui.call_async("RequestPasskey", PHONE).wait().values == [0]
-    assert "pairing_agent" not in world.agent.log()
+    assert world.agent.lines() == []
 
 
-def test_wrong_argument_types_get_a_bus_error_and_the_daemon_serves_on(world, ui):
-    for method, args in [("userConfirmation", ["yes"]), ("userSuppliedPin", ["1234"]),
-                         ("RequestConfirmation", [PHONE, "123456"]),
-                         ("RequestConfirmation", []), ("setPower", [dbus.Int32(1)]),
-                         ("NoSuchMethod", [])]:
+HUGE = "x" * (1 << 20)
+MALFORMED = [
+    ("Release", ["extra"]), ("RequestPinCode", []), ("RequestPinCode", [PHONE, 1]),
+    ("DisplayPinCode", [PHONE]), ("RequestPasskey", [dbus.UInt32(1)]),
+    ("DisplayPasskey", [PHONE, "1", "2"]), ("RequestConfirmation", [PHONE, "123456"]),
+    ("RequestConfirmation", [PHONE, dbus.Int64(1)]), ("RequestAuthorization", [PHONE, PHONE]),
+    ("AuthorizeService", [PHONE, {"a": "b"}]), ("SetDiscoverable", ["yes"]),
+    ("userConfirmation", [HUGE]), ("userSuppliedPin", ["1234", True]), ("getPower", [True]),
+    ("setPower", [dbus.Int32(1)]), ("forgetDevice", [dbus.ObjectPath("/x")]),
+    ("getDevices", [HUGE]), ("NoSuchMethod", []),
+]
+
+
+def test_malformed_and_huge_calls_leave_the_daemon_serving(world, ui):
+    world.agent.expect(LOGGED + "RequestPinCode")
+    for method, args in MALFORMED:
         reply = ui.call_async(method, *args).wait()
-        assert reply.error == "org.freedesktop.DBus.Error.UnknownMethod", method
-    assert ui.call("getPower") is True
-    assert world.agent.proc.poll() is None
+        assert reply.error == "org.freedesktop.DBus.Error.UnknownMethod", (method, args)
+    # Every Cancel reaches the agent, whatever it carries, and is refused.
+    assert ui.call_async("Cancel", True, HUGE).wait().error == REJECTED
+    assert ui.call_async("DisplayPinCode", PHONE, HUGE).wait().error is None
+    ui.call("forgetDevice", HUGE)
+    ui.wait_signal("BluetoothDevices")
+    reply = ask(ui, "RequestPinCode")
+    ui.call("userSuppliedPin", True, HUGE)
+    assert reply.wait().values == [HUGE]
+    assert ui.call("getPower") is True and world.agent.proc.poll() is None

@@ -1,115 +1,145 @@
-"""Start-up as an integrator meets it: what BlueZ is asked, in which order, and how the daemon
-ends when it cannot run (exit code 255 and the logged reason)."""
+"""Start-up as an integrator meets it: what BlueZ is asked, in which order, how the daemon ends
+when it cannot run (exit code 255 and the logged reason), and how it becomes the agent of a
+BlueZ that restarted."""
+
+import os
+import signal
 
 import dbus
 import pytest
 
-from simenv import AGENT_PATH, AGENT_SERVICE, ADAPTER_PATH
+from simenv import ADAPTER_PATH, AGENT_PATH, AGENT_SERVICE, Bluez, pump, wait_until
+
+START_CALLS = ("Get /org/bluez/hci0 org.bluez.Adapter1.Powered", "Set /org/bluez/hci0",
+               "GetManagedObjects", "RegisterAgent", "RequestDefaultAgent")
+REGISTERED = ['RegisterAgent "/BluetoothAgent" "DisplayYesNo"', 'RequestDefaultAgent "/BluetoothAgent"']
 
 
 def started_calls(bluez):
     """The start-up calls the simulated BlueZ served, in order, without the test's own set-up."""
-    wanted = ("Get /org/bluez/hci0 org.bluez.Adapter1.Powered", "Set /org/bluez/hci0",
-              "GetManagedObjects", "RegisterAgent", "RequestDefaultAgent")
-    return [line for line in bluez.log() if line.startswith(wanted)]
+    return [line for line in bluez.log() if line.startswith(START_CALLS)]
 
 
-def test_start_powers_names_and_registers_in_order(make_world):
+@pytest.mark.parametrize("powered", [False, True])
+def test_start_powers_names_and_registers_in_order(make_world, powered):
     world = make_world(hostname=b"embosser\n")
-    world.bluez.set_adapter_properties(Powered=False)
+    world.bluez.set_adapter_properties(Powered=powered)
     world.start_agent()
-
     assert started_calls(world.bluez) == [
-        "Get /org/bluez/hci0 org.bluez.Adapter1.Powered",
-        "Set /org/bluez/hci0 org.bluez.Adapter1.Powered True",
-        'Set /org/bluez/hci0 org.bluez.Adapter1.Alias "embosser',
-        "GetManagedObjects",
-        'RegisterAgent "/BluetoothAgent" "DisplayYesNo"',
-        'RequestDefaultAgent "/BluetoothAgent"',
-    ]
+        "Get /org/bluez/hci0 org.bluez.Adapter1.Powered"] + (
+        [] if powered else ["Set /org/bluez/hci0 org.bluez.Adapter1.Powered True"]) + [
+        'Set /org/bluez/hci0 org.bluez.Adapter1.Alias "embosser', "GetManagedObjects"] + REGISTERED
     assert world.bluez.adapter_property("Powered") is True
-    # The line feed of the host-name file stays part of the name.
-    assert world.bluez.adapter_property("Alias") == "embosser\n"
-    conn = world.bus.connect()
-    assert conn.get_name_owner(AGENT_SERVICE)
-    xml = conn.get_object(AGENT_SERVICE, AGENT_PATH).Introspect(
+    xml = world.bus.connect().get_object(AGENT_SERVICE, AGENT_PATH).Introspect(
         dbus_interface="org.freedesktop.DBus.Introspectable")
     assert '<interface name="org.bluez.Agent1">' in xml
-    assert world.agent.log() == ""
 
 
-def test_powered_adapter_is_not_written_but_still_named(make_world):
-    world = make_world()
-    world.start_agent()
-    calls = started_calls(world.bluez)
-    assert not [c for c in calls if c.startswith("Set /org/bluez/hci0 org.bluez.Adapter1.Powered")]
-    assert [c for c in calls if c.startswith("Set /org/bluez/hci0 org.bluez.Adapter1.Alias")]
-
-
-@pytest.mark.parametrize("content, alias, logged", [
-    (b"embosser\n", "embosser\n", False),
-    (b"first\nsecond\n", "first\n", False),
-    (b"\n", "\n", False),
-    (b"windows\r\nline\r\n", "windows\n", False),
-    (b"no-newline", "no-newline", False),
-    (b"bra\xc3\xaflle\n", "bra\u00eflle\n", False),
-    (b"emb\x00osser\n", "emb", False),
-    (b"", "QuorvaneEmbosser", False),
-    (b"\x00rest\n", "QuorvaneEmbosser", False),
-    (None, "QuorvaneEmbosser", True),
+@pytest.mark.parametrize("content, alias", [
+    (b"first\nsecond\n", "first\n"),  # the line feed stays part of the name
+    (b"\n", "\n"),
+    (b"windows\r\nline\r\n", "windows\n"),
+    (b"no-newline", "no-newline"),
+    (b"bra\xc3\xaflle\n", "bra\u00eflle\n"),
+    (b"emb\x00osser\n", "emb"),
+    (b"", "QuorvaneEmbosser"),
+    (b"\x00rest\n", "QuorvaneEmbosser"),
+    (None, "QuorvaneEmbosser"),
 ])
-def test_alias_comes_from_the_first_line_of_the_hostname(make_world, content, alias, logged):
+def test_alias_comes_from_the_first_line_of_the_hostname(make_world, content, alias):
     world = make_world(hostname=content)
-    world.start_agent()
+    world.start_agent().expect("BluetoothAgentDaemon: could not open /etc/hostname")
     assert world.bluez.adapter_property("Alias") == alias
-    missing_line = "BluetoothAgentDaemon: could not open /etc/hostname"
-    assert (missing_line in world.agent.log()) == logged
+    missing = ["BluetoothAgentDaemon: could not open /etc/hostname"] if content is None else []
+    assert world.agent.lines() == missing
 
 
-def test_name_already_taken(make_world):
-    world = make_world()
-    other = world.bus.connect()
-    other.request_name(AGENT_SERVICE)
-    agent = world.start_agent(wait=False)
-    assert agent.wait_exit() == 255
-    assert "BluetoothAgentDaemon: regSrv failed" in agent.log()
-    assert "RegisterAgent" not in "\n".join(world.bluez.log())
+def take_the_name(world):
+    world.name_holder = world.bus.connect()
+    world.name_holder.request_name(AGENT_SERVICE)
 
 
-def test_bluez_absent(make_world):
-    world = make_world(with_bluez=False)
-    agent = world.start_agent(wait=False)
-    assert agent.wait_exit() == 255
-    assert "BluetoothAgentDaemon: iface not valid, something went wrong!" in agent.log()
-
-
-def test_adapter_refuses_power(make_world):
-    world = make_world()
+def refuse_power(world):
     world.bluez.set_adapter_properties(Powered=False)
     world.bluez.fail_method(ADAPTER_PATH, dbus.PROPERTIES_IFACE, "Set", "ssv",
                             condition="args[1] == 'Powered'")
+
+
+@pytest.mark.parametrize("prepare, with_bluez, line", [
+    (take_the_name, True, "regSrv failed"),
+    (None, False, "iface not valid, something went wrong!"),
+    (refuse_power, True, "not powered..."),
+])
+def test_start_up_that_cannot_run_exits_255_with_the_reason(make_world, prepare, with_bluez, line):
+    world = make_world(with_bluez=with_bluez)
+    if prepare:
+        prepare(world)
+    world.sandbox.drop("waiting.brf", b"kept")
     agent = world.start_agent(wait=False)
     assert agent.wait_exit() == 255
-    assert "BluetoothAgentDaemon: not powered..." in agent.log()
-    assert "GetManagedObjects" not in world.bluez.log()
+    assert agent.expect("BluetoothAgentDaemon: " + line).lines() == ["BluetoothAgentDaemon: " + line]
+    # Neither registered nor touching any received file.
+    assert with_bluez is False or "RegisterAgent" not in "\n".join(world.bluez.log())
+    assert world.sandbox.received() == ["waiting.brf"] and world.sandbox.spooled() == {}
 
 
-def test_refused_alias_does_not_stop_start_up(make_world):
+def test_refused_name_and_registration_are_logged_and_the_daemon_serves(make_world):
     world = make_world()
     world.bluez.fail_method(ADAPTER_PATH, dbus.PROPERTIES_IFACE, "Set", "ssv",
                             condition="args[1] == 'Alias'")
-    world.start_agent()
-    assert world.client().call("getPower") is True
-
-
-def test_refused_agent_registration_is_logged_and_the_daemon_serves(make_world):
-    world = make_world()
     world.bluez.fail_method("/org/bluez", "org.bluez.AgentManager1", "RegisterAgent", "os",
                             fallback="")
-    agent = world.start_agent()
-    log = agent.log()
-    assert 'BluetoothAgentDaemon: RegisterAgent unsuccessful! "refused by the test"' in log
-    # Nothing was registered, so BlueZ refuses the default-agent request too.
-    assert "BluetoothAgentDaemon: RequestDefaultAgent unsuccessful!" in log
+    lines = ["BluetoothAgentDaemon: RegisterAgent unsuccessful! refused by the test",
+             # Nothing was registered, so BlueZ refuses the default-agent request too.
+             "BluetoothAgentDaemon: RequestDefaultAgent unsuccessful!"]
+    world.start_agent().expect(*lines)
     assert world.client().call("getPower") is True
-    assert agent.proc.poll() is None
+    assert [line[:len(lines[1])] for line in world.agent.lines()] == [lines[0][:len(lines[1])],
+                                                                       lines[1]]
+
+
+@pytest.mark.parametrize("adapter_at_once", [True, False])
+def test_a_restarted_bluez_gets_the_agent_again(paired_world, adapter_at_once):
+    world = paired_world
+    world.agent.expect("BluetoothAgentDaemon: BlueZ left the system bus",
+                       "BluetoothAgentDaemon: BlueZ is on the system bus: registering the agent",
+                       "BluetoothAgentDaemon: BlueZ is on the system bus without hci0: waiting "
+                       "for it", "BluetoothAgentDaemon: hci0 appeared: registering the agent",
+                       "BluetoothPairingAgent: pairing_agent::RequestConfirmation")
+    ui = world.client()
+    stale = ui.call_async("RequestConfirmation", dbus.ObjectPath(
+        "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01"), dbus.UInt32(1), timeout=60)
+    ui.wait_signal("RequestUserConfirmation")
+    world.bluez.stop()
+    wait_until(lambda: len(world.agent.lines()) == 2, what="the daemon noticing")
+    # Without BlueZ the daemon still serves; the question of the old BlueZ is gone.
+    assert ui.call("getPower") is False
+    assert ui.devices() == {}
+    ui.call("userConfirmation", True)
+
+    # Held while the new BlueZ starts, the daemon first sees it with its adapter.
+    os.kill(world.agent.pid, signal.SIGSTOP if adapter_at_once else signal.SIGCONT)
+    world.bluez = Bluez(world.bus, adapter=adapter_at_once)
+    os.kill(world.agent.pid, signal.SIGCONT)
+    if not adapter_at_once:
+        wait_until(lambda: len(world.agent.lines()) == 3, what="the daemon waiting for hci0")
+        world.bluez.add_adapter()
+    world.bluez.add_device("AA:BB:CC:DD:EE:01", "Phone One", paired=True)
+    wait_until(lambda: started_calls(world.bluez)[-2:] == REGISTERED, what="registration")
+    assert [line for line in world.agent.lines() if "Daemon" in line] == [
+        "BluetoothAgentDaemon: BlueZ left the system bus",
+        "BluetoothAgentDaemon: BlueZ is on the system bus: registering the agent"
+        if adapter_at_once else
+        "BluetoothAgentDaemon: BlueZ is on the system bus without hci0: waiting for it"] + (
+        [] if adapter_at_once else ["BluetoothAgentDaemon: hci0 appeared: registering the agent"])
+    assert world.bluez.adapter_property("Alias") == "embosser\n"
+    pump(0.3)
+    assert not stale.done
+    # The new BlueZ's question reaches the user and the answer reaches it.
+    reply = ui.call_async("RequestConfirmation", dbus.ObjectPath(
+        "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01"), dbus.UInt32(2))
+    assert ui.wait_signal("RequestUserConfirmation", 2)[-1] == [2]
+    ui.call("userConfirmation", True)
+    assert reply.wait().values == [True]
+    assert ui.devices() == {"Phone One": "AA:BB:CC:DD:EE:01"}
+    assert world.agent.proc.poll() is None and os.path.exists(world.sandbox.obex)

@@ -6,6 +6,8 @@ Shared by the black-box tests, the simulation of the README and the benchmarks. 
 """
 
 import glob
+import grp
+import re
 import os
 import shutil
 import signal
@@ -21,6 +23,7 @@ dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
 
 TOOLS = os.path.dirname(os.path.abspath(__file__))
 SANDBOX_RUN = os.path.join(TOOLS, "sandbox-run")
+BUS_PEER = os.path.join(TOOLS, "bus_peer.py")
 DEBIAN_PYTHON = "/usr/bin/python3"
 
 AGENT_SERVICE = "com.quorvane.BluetoothAgent"
@@ -140,7 +143,7 @@ class SystemBus:
 class Bluez:
     """python-dbusmock's bluez5 template with the adapter hci0."""
 
-    def __init__(self, bus):
+    def __init__(self, bus, adapter=True):
         # The mock logs every call it serves, in order, to its standard output.
         self.log_path = os.path.join(bus.workdir, "bluez.log")
         with open(self.log_path, "ab") as log:
@@ -153,6 +156,10 @@ class Bluez:
         if self.proc.poll() is not None:
             raise RuntimeError("the simulated BlueZ did not start")
         self.root = self.obj("/")
+        if adapter:
+            self.add_adapter()
+
+    def add_adapter(self):
         self.root.AddAdapter("hci0", "simulated-adapter", dbus_interface=BLUEZ_MOCK_IFACE)
 
     def obj(self, path):
@@ -175,6 +182,21 @@ class Bluez:
     def update_device(self, path, interface=DEVICE_IFACE, **props):
         """Changes device properties and emits one PropertiesChanged holding exactly them."""
         self.obj(path).UpdateProperties(interface, props, dbus_interface=MOCK_IFACE)
+
+    def emit(self, path, interface, member, signature, args):
+        """Sends a signal from BlueZ's own connection, typed as given, rightly or not."""
+        self.obj(path).EmitSignal(interface, member, signature, args, dbus_interface=MOCK_IFACE)
+
+    def announce(self, path, interfaces):
+        """Announces an object with these interfaces (InterfacesAdded on /)."""
+        self.emit("/", "org.freedesktop.DBus.ObjectManager", "InterfacesAdded", "oa{sa{sv}}",
+                  [dbus.ObjectPath(path), dbus.Dictionary(interfaces, signature="sa{sv}")])
+
+    def emit_changed(self, path, interface, changed):
+        """One PropertiesChanged of path holding exactly changed."""
+        self.emit(path, dbus.PROPERTIES_IFACE, "PropertiesChanged", "sa{sv}as",
+                  [interface, dbus.Dictionary(changed, signature="sv"),
+                   dbus.Array([], signature="s")])
 
     def fail_method(self, path, interface, method, in_sig, condition="True",
                     fallback="DBusMockObject.{method}(self, *args)"):
@@ -250,6 +272,55 @@ class Sandbox:
         return [SANDBOX_RUN, "--spool", self.spool, *where, "--", *command]
 
 
+BLUEZ_POLICY = """<busconfig>
+  <policy user="root"><allow own="org.bluez"/><allow send_destination="org.bluez"/></policy>
+</busconfig>
+"""
+
+
+def guarded_bus_config(policy_dir):
+    """A bus config: the system bus's own default policy, BlueZ's usual root rights, and the installed file."""
+    system_conf = open("/usr/share/dbus-1/system.conf", encoding="utf-8").read()
+    default_policy = re.search(r'<policy context="default">.*?</policy>', system_conf, re.S)[0]
+
+    def config(workdir):
+        os.makedirs(f"{workdir}/bluez-policy")
+        with open(f"{workdir}/bluez-policy/bluez.conf", "w", encoding="utf-8") as f:
+            f.write(BLUEZ_POLICY)
+        return f"""<busconfig>
+  <type>system</type>
+  <listen>unix:tmpdir={workdir}</listen>
+  <auth>EXTERNAL</auth>
+  {default_policy}
+  <includedir>{policy_dir}</includedir>
+  <includedir>{workdir}/bluez-policy</includedir>
+</busconfig>
+"""
+    return config
+
+
+def ui_group(name, tmp_path):
+    """The user-interface group's id, and how to start a bus that knows it. A group missing on
+    this machine is added to a copy of /etc/group that only the bus sees."""
+    try:
+        return grp.getgrnam(name).gr_gid, ()
+    except KeyError:
+        pass
+    gid = next(g for g in range(4242, 60000) if g not in {e.gr_gid for e in grp.getgrall()})
+    group_file = tmp_path / "group"
+    shutil.copy("/etc/group", group_file)
+    with open(group_file, "a", encoding="utf-8") as f:
+        f.write(f"{name}:x:{gid}:\n")
+    return gid, ("unshare", "--mount", "--propagation", "private", "sh", "-c",
+                 'mount --bind "$0" /etc/group && exec "$@"', str(group_file))
+
+
+def as_user(groups):
+    """setpriv to nobody, in the given groups (none: an outsider)."""
+    group_args = [f"--groups={','.join(map(str, groups))}"] if groups else ["--clear-groups"]
+    return ["setpriv", "--reuid=nobody", "--regid=nogroup", *group_args]
+
+
 def normalized(line):
     return " ".join(line.replace('"', "").split())
 
@@ -294,14 +365,15 @@ class Agent:
         return [normalized(line) for line in self.log().splitlines()]
 
     def expect(self, *lines):
-        """Declares log lines (in the form lines() gives) that the test expects to see."""
+        """Declares the log lines (as lines() gives them, or their beginnings) that the test
+        expects to see."""
         self.expected.update(normalized(line) for line in lines)
         return self
 
     def unexpected(self, allowed=()):
         """The log lines that were neither expected nor allowed."""
-        return [line for line in self.lines()
-                if line not in self.expected and not any(a in line for a in allowed)]
+        known = tuple(self.expected) + tuple(allowed)
+        return [line for line in self.lines() if not line.startswith(known)]
 
     def wait_ready(self, timeout=30.0):
         """Waits until start-up is complete: its last step, the file monitor's watch, is in
@@ -346,6 +418,12 @@ class Client:
         self.agent.get_dbus_method(method, AGENT_IFACE)(
             *args, reply_handler=reply.ok, error_handler=reply.fail, timeout=timeout)
         return reply
+
+    def devices(self):
+        """Asks for the paired-device list; returns the list that BluetoothDevices brings."""
+        before = len(self.received("BluetoothDevices"))
+        self.call("getDevices")
+        return self.wait_signal("BluetoothDevices", before + 1)[-1][0]
 
     def received(self, member):
         return [args for name, args in self.signals if name == member]

@@ -5,12 +5,9 @@ as a user interface busy in a loop. Prints one JSON line per result for the test
                                        {"method": M, "ok": [values]} or {"method": M, "error": N}
   bus_peer.py ADDRESS own NAME         {"ok": reply} or {"error": N}
   bus_peer.py ADDRESS listen SECONDS   "ready", then after SECONDS: {"signals": [members]}
-  bus_peer.py ADDRESS poll MIN         getDevices and getPower in a loop until its standard input
-                                       closes and MIN calls were made: {"calls": n, "errors": [...]}
 """
 
 import json
-import select
 import sys
 import time
 
@@ -60,18 +57,6 @@ def main():
             emit({"ok": int(conn.request_name(args[0], dbus.bus.NAME_FLAG_DO_NOT_QUEUE))})
         except dbus.exceptions.DBusException as e:
             emit({"error": e.get_dbus_name()})
-    elif command == "poll":
-        proxy = conn.get_object(SERVICE, PATH, introspect=False)
-        calls, errors = 0, []
-        print("ready", flush=True)
-        while calls < int(args[0]) or not select.select([sys.stdin], [], [], 0)[0]:
-            for method in ("getDevices", "getPower"):
-                try:
-                    proxy.get_dbus_method(method, IFACE)(timeout=30)
-                except dbus.exceptions.DBusException as e:
-                    errors.append(e.get_dbus_name())
-                calls += 1
-        emit({"calls": calls, "errors": errors})
     elif command == "listen":
         received = []
         conn.add_signal_receiver(lambda *_, member=None: received.append(member),
