@@ -5,6 +5,8 @@
 //   bench-driver intake SIZE N OBEX WWW  a phone's file of SIZE bytes: time from the writer's
 //                                      close() until TransferComplete arrives
 
+#include "constants.h"
+
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -21,9 +23,9 @@
 
 namespace {
 
-const QString service = QStringLiteral("com.quorvane.BluetoothAgent");
-const QString path = QStringLiteral("/BluetoothAgent");
-const QString iface = QStringLiteral("org.bluez.Agent1");
+const QString &service = Names::AgentService;
+const QString &path = Names::AgentPath;
+const QString &iface = Names::AgentInterface;
 constexpr int warmUp = 20;
 
 qint64 now()

@@ -1,6 +1,8 @@
 // The floor for the pairing relay: a minimal Qt agent that only defers BlueZ's question,
 // signals it to the user interface and replies with the answer.
 
+#include "constants.h"
+
 #include <QCoreApplication>
 #include <QDBusAbstractAdaptor>
 #include <QDBusConnection>
@@ -29,8 +31,7 @@ public slots:
     {
         QDBusConnection::systemBus().send(confirm
                 ? pending.createReply(true)
-                : pending.createErrorReply(
-                    QStringLiteral("org.bluez.Agent1.Rejected"), QStringLiteral("Rejected")));
+                : pending.createErrorReply(Names::RejectedError, Names::RejectedMessage));
     }
 
 signals:
@@ -46,8 +47,7 @@ int main(int argc, char *argv[])
     QObject agent;
     new FloorAgent(&agent);
     QDBusConnection bus = QDBusConnection::systemBus();
-    if (!bus.registerObject(QStringLiteral("/BluetoothAgent"), &agent)
-        || !bus.registerService(QStringLiteral("com.quorvane.BluetoothAgent")))
+    if (!bus.registerObject(Names::AgentPath, &agent) || !bus.registerService(Names::AgentService))
         return 1;
     return app.exec();
 }

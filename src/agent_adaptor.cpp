@@ -38,15 +38,15 @@ QString AgentAdaptor::RequestPinCode(const QDBusObjectPath &device, const QDBusM
 void AgentAdaptor::DisplayPinCode(
     const QDBusObjectPath &device, const QString &pincode, const QDBusMessage &msg)
 {
-    // "DisplayPincode" names no method of the agent: Qt warns and a shown PIN goes nowhere.
-    // Kept that way; BlueZ still gets its empty reply.
+    // "DisplayPincode" names no method of the agent: Qt warns, a shown PIN goes nowhere and BlueZ
+    // gets its empty reply. See "Deliberate behaviours" in the README before changing it.
     QMetaObject::invokeMethod(parent(), "DisplayPincode", Qt::AutoConnection,
         Q_ARG(QDBusObjectPath, device), Q_ARG(QString, pincode), Q_ARG(QDBusMessage, msg));
 }
 
 int AgentAdaptor::RequestPasskey(const QDBusObjectPath &device, const QDBusMessage &msg)
 {
-    // The agent's own value is not asked for: BlueZ always receives 0.
+    // The agent's own value is not asked for: BlueZ always receives 0 ("Deliberate behaviours").
     QMetaObject::invokeMethod(parent(), "RequestPasskey", Qt::AutoConnection,
         Q_ARG(QDBusObjectPath, device), Q_ARG(QDBusMessage, msg));
     return 0;

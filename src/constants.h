@@ -9,6 +9,7 @@ namespace Names {
 // Our own face on the system bus.
 inline const QString AgentService = QStringLiteral("com.quorvane.BluetoothAgent");
 inline const QString AgentPath = QStringLiteral("/BluetoothAgent");
+inline const QString AgentInterface = QStringLiteral("org.bluez.Agent1");
 inline const QString AgentCapability = QStringLiteral("DisplayYesNo");
 
 // BlueZ.

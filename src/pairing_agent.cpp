@@ -181,7 +181,8 @@ void PairingAgent::RequestConfirmation(
 void PairingAgent::RequestAuthorization(const QDBusObjectPath &device, const QDBusMessage &msg)
 {
     Q_UNUSED(msg)
-    // Granted without asking: the automatic empty reply accepts the call.
+    // Granted without asking: the automatic empty reply accepts the call ("Deliberate behaviours"
+    // and the security note in the README).
     qCCritical(lcPairingAgent) << "pairing_agent::RequestAuthorization " << device.path();
 }
 
@@ -195,7 +196,8 @@ void PairingAgent::AuthorizeService(
 
 void PairingAgent::Cancel(const QDBusMessage &msg)
 {
-    // Refuses the Cancel call itself; the pending question stays with the user.
+    // Refuses the Cancel call itself; the pending question stays with the user ("Deliberate
+    // behaviours" in the README).
     rejectAtOnce(msg);
 }
 
