@@ -5,6 +5,7 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusVariant>
 #include <QEventLoop>
 #include <QTimer>
 
@@ -64,6 +65,18 @@ QDBusError AgentClient::setDiscoverable(bool on)
     QDBusPendingReply<> reply = proxy->SetDiscoverable(on);
     reply.waitForFinished();
     return reply.error();
+}
+
+QDBusError AgentClient::discoverable(bool *on)
+{
+    const QDBusMessage get = QDBusMessage::createMethodCall(Names::BluezService, Names::AdapterPath,
+                                 Names::PropertiesInterface, QStringLiteral("Get"))
+        << Names::AdapterInterface << QStringLiteral("Discoverable");
+    const QDBusMessage reply = QDBusConnection::systemBus().call(get);
+    if (reply.type() == QDBusMessage::ErrorMessage)
+        return QDBusError(reply);
+    *on = reply.arguments().value(0).value<QDBusVariant>().variant().toBool();
+    return QDBusError();
 }
 
 QDBusError AgentClient::devices(QVariantMap *list)

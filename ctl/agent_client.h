@@ -26,6 +26,8 @@ public:
     QDBusError power(bool *on);
     QDBusError setPower(bool on);
     QDBusError setDiscoverable(bool on);
+    // Read from BlueZ itself: the daemon has no method for it.
+    QDBusError discoverable(bool *on);
     // The device list comes back as a signal; these wait for it.
     QDBusError devices(QVariantMap *list);
     QDBusError forget(const QString &address, QVariantMap *left);

@@ -26,7 +26,8 @@ const CommandHelp commands[] = {
         "Without an argument shows whether the adapter is on. With one, switches it and shows\n"
         "the state BlueZ reports afterwards; fails when it did not change." },
     { "discoverable", "discoverable on|off", "make the adapter discoverable or not",
-        "Makes the adapter discoverable or not." },
+        "Makes the adapter discoverable or not, and shows the state BlueZ reports afterwards;\n"
+        "fails when it did not change." },
     { "devices", "devices", "list the paired devices",
         "Lists the paired devices: address and alias, one per line." },
     { "forget", "forget ADDRESS", "remove a device from BlueZ",
@@ -72,6 +73,10 @@ Command parseCommandLine(const QStringList &args)
 
     if (name == QLatin1String("--help") || name == QLatin1String("-h")) {
         command.kind = Command::Help;
+        return command;
+    }
+    if (name == QLatin1String("--version")) {
+        command.kind = Command::Version;
         return command;
     }
     if (!findCommand(name)) {
@@ -140,6 +145,7 @@ QString helpText(const QString &command)
             + QLatin1String(help.summary) + QLatin1Char('\n');
     text += QStringLiteral(
         "\n'bluetooth-agentctl COMMAND --help' tells more about a command.\n\n"
+        "'bluetooth-agentctl --version' shows the version.\n\n"
         "Exit codes: 0 done; 1 refused or failed; 2 wrong usage; 3 bluetooth-agent\n"
         "is not on the system bus; 4 not allowed to talk to it (see its D-Bus policy).\n");
     return text;

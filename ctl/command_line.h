@@ -7,7 +7,7 @@
 // One invocation of bluetooth-agentctl, checked before anything is sent to the daemon.
 struct Command
 {
-    enum Kind { Help, Monitor, Confirm, Pin, Power, Discoverable, Devices, Forget };
+    enum Kind { Help, Version, Monitor, Confirm, Pin, Power, Discoverable, Devices, Forget };
 
     Kind kind = Help;
     bool flag = false; // confirm yes, pin given (not --reject), on

@@ -29,10 +29,20 @@ int fail(QTextStream &err, const QDBusError &error)
     }
 }
 
-void printDevices(QTextStream &out, const QVariantMap &devices)
+// Shows the state read back, and fails when it is not the one asked for.
+int readBack(QTextStream &out, QTextStream &err, const char *what, bool on, bool wanted)
+{
+    out << (on ? "on" : "off") << Qt::endl;
+    if (on == wanted)
+        return Done;
+    err << "bluetooth-agentctl: " << what << " is still " << (on ? "on" : "off") << Qt::endl;
+    return Failed;
+}
+
+void printDevices(QTextStream &out, QTextStream &err, const QVariantMap &devices)
 {
     if (devices.isEmpty())
-        out << "no paired devices" << Qt::endl;
+        err << "no paired devices" << Qt::endl;
     for (auto it = devices.constBegin(); it != devices.constEnd(); ++it)
         out << it.value().toString() << "  " << it.key() << Qt::endl;
 }
@@ -45,6 +55,7 @@ int run(const Command &command, AgentClient &client, QTextStream &out, QTextStre
 
     switch (command.kind) {
     case Command::Help:
+    case Command::Version:
         break;
     case Command::Monitor: {
         auto *printer = new SignalPrinter(client.agent(), out);
@@ -61,9 +72,13 @@ int run(const Command &command, AgentClient &client, QTextStream &out, QTextStre
     case Command::Pin:
         error = client.pin(command.flag, command.text);
         break;
-    case Command::Discoverable:
-        error = client.setDiscoverable(command.flag);
-        break;
+    case Command::Discoverable: {
+        bool on = false;
+        if ((error = client.setDiscoverable(command.flag)).isValid()
+            || (error = client.discoverable(&on)).isValid())
+            break;
+        return readBack(out, err, "discoverable", on, command.flag);
+    }
     case Command::Power: {
         // The daemon does not say whether BlueZ switched: the state read back does.
         if (!command.query && (error = client.setPower(command.flag)).isValid())
@@ -71,24 +86,19 @@ int run(const Command &command, AgentClient &client, QTextStream &out, QTextStre
         bool on = false;
         if ((error = client.power(&on)).isValid())
             break;
-        out << (on ? "on" : "off") << Qt::endl;
-        if (!command.query && on != command.flag) {
-            err << "bluetooth-agentctl: the adapter stayed " << (on ? "on" : "off") << Qt::endl;
-            return Failed;
-        }
-        break;
+        return readBack(out, err, "power", on, command.query ? on : command.flag);
     }
     case Command::Devices: {
         QVariantMap devices;
         if (!(error = client.devices(&devices)).isValid())
-            printDevices(out, devices);
+            printDevices(out, err, devices);
         break;
     }
     case Command::Forget: {
         QVariantMap left;
         if ((error = client.forget(command.text, &left)).isValid())
             break;
-        printDevices(out, left);
+        printDevices(out, err, left);
         if (left.values().contains(QVariant(command.text))) {
             err << "bluetooth-agentctl: " << command.text << " is still paired" << Qt::endl;
             return Failed;
@@ -117,6 +127,10 @@ int main(int argc, char *argv[])
     }
     if (command.kind == Command::Help) {
         out << helpText(command.text);
+        return Done;
+    }
+    if (command.kind == Command::Version) {
+        out << "bluetooth-agentctl " << BLUETOOTH_AGENT_VERSION << Qt::endl;
         return Done;
     }
     AgentClient client;

@@ -50,9 +50,23 @@ QString SignalPrinter::deviceList(const QVariantMap &devices)
 
 QString SignalPrinter::quoted(const QString &text)
 {
-    QString escaped = text;
-    escaped.replace(QLatin1Char('\\'), QLatin1String("\\\\"));
-    escaped.replace(QLatin1Char('"'), QLatin1String("\\\""));
+    // Aliases and file names come from phones: control and format characters (a line feed that
+    // would start a forged line, a terminal's escape sequence, a reversal of the text's direction)
+    // are shown escaped, so that one signal is always one plain line.
+    QString escaped;
+    for (const QChar c : text) {
+        if (c == QLatin1Char('\\') || c == QLatin1Char('"'))
+            escaped += QLatin1Char('\\') + c;
+        else if (c == QLatin1Char('\n'))
+            escaped += QLatin1String("\\n");
+        else if (c == QLatin1Char('\t'))
+            escaped += QLatin1String("\\t");
+        else if (c.category() == QChar::Other_Control || c.category() == QChar::Other_Format
+            || c.category() == QChar::Separator_Line || c.category() == QChar::Separator_Paragraph)
+            escaped += QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
+        else
+            escaped += c;
+    }
     return QLatin1Char('"') + escaped + QLatin1Char('"');
 }
 

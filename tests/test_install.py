@@ -46,22 +46,22 @@ def readme_install_paths():
 def test_every_file_lands_where_the_readme_says(installed):
     files = {"/" + str(p.relative_to(installed)) for p in installed.rglob("*") if p.is_file()}
     assert files == readme_install_paths()
-    assert os.access(installed / PREFIX.lstrip("/") / "sbin" / "bluetooth-agent", os.X_OK)
+    assert os.access(installed / PREFIX.lstrip("/") / "libexec" / "bluetooth-agent", os.X_OK)
 
 
 def test_unit_passes_systemd_analyze_verify(installed, tmp_path):
     unit_dir = installed / PREFIX.lstrip("/") / "lib" / "systemd" / "system"
     unit = (unit_dir / "bluetooth-agent.service").read_text()
-    assert f"ExecStart={PREFIX}/sbin/bluetooth-agent\n" in unit
+    assert f"ExecStart={PREFIX}/libexec/bluetooth-agent\n" in unit
     # A stand-in for BlueZ's unit, and the installed daemon visible where the unit expects it,
     # both only inside a private mount namespace.
     (tmp_path / "bluetooth.service").write_text(
         "[Unit]\nDescription=bluetoothd stand-in\n[Service]\nExecStart=/bin/true\n")
-    sbin = f"{PREFIX}/sbin"
+    libexec = f"{PREFIX}/libexec"
     script = ('mkdir -p "$1" && mount -t overlay none -o "lowerdir=$0$1:$1" "$1" '
               "&& exec systemd-analyze verify --man=no bluetooth-agent.service")
     verify = subprocess.run(
-        ["unshare", "--mount", "--propagation", "private", "sh", "-c", script, str(installed), sbin],
+        ["unshare", "--mount", "--propagation", "private", "sh", "-c", script, str(installed), libexec],
         env=dict(os.environ, SYSTEMD_UNIT_PATH=f"{tmp_path}:{unit_dir}:"),
         capture_output=True, text=True)
     # Unknown settings only warn, so the report must be empty too.

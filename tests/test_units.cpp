@@ -2,6 +2,7 @@
 #include "daemon.h"
 #include "file_uploader.h"
 #include "pairing_agent.h"
+#include "signal_printer.h"
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -101,6 +102,8 @@ private slots:
                                 << int(Command::Forget) << false << "AA:BB:CC:DD:EE:0F";
         QTest::newRow("help") << QStringList { "forget", "--help" } << int(Command::Help) << false
                               << "forget";
+        QTest::newRow("version") << QStringList { "--version" } << int(Command::Version) << false
+                                 << QString();
     }
 
     void commandLine()
@@ -112,6 +115,13 @@ private slots:
         QCOMPARE(int(command.kind), kind);
         QTEST(command.flag, "flag");
         QTEST(command.text, "text");
+    }
+
+    void monitorShowsPhoneTextsOnOneLine()
+    {
+        const QString phoneName = QStringLiteral("a\"b\\c\nRequestUserPin\t\x1b[31m\u202e\u2028ok");
+        QCOMPARE(SignalPrinter::quoted(phoneName),
+            QStringLiteral("\"a\\\"b\\\\c\\nRequestUserPin\\t\\u001b[31m\\u202e\\u2028ok\""));
     }
 
     void wrongCommandLinesSendNothing()

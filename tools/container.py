@@ -1,0 +1,157 @@
+"""A Debian 12 system booted with systemd as PID 1 in systemd-nspawn, with the project installed
+and a simulated bluetoothd as bluetooth.service: the daemon's unit as it runs on a board.
+
+Needs root and the cache that tools/container-root prepares. Run with /usr/bin/python3.
+"""
+
+import os
+import shutil
+import subprocess
+import tempfile
+import time
+
+TOOLS = os.path.dirname(os.path.abspath(__file__))
+
+# bluetoothd stand-in: python-dbusmock's BlueZ with hci0, at once or some seconds late.
+BLUETOOTH_SERVICE = """[Unit]
+Description=Simulated bluetoothd
+[Service]
+Type=dbus
+BusName=org.bluez
+ExecStart=/usr/bin/python3 -m dbusmock --system -t /usr/local/lib/bluez_board.py -p '{parameters}'
+[Install]
+WantedBy=multi-user.target
+"""
+BLUEZ_POLICY = """<busconfig>
+  <policy user="root"><allow own="org.bluez"/><allow send_destination="org.bluez"/></policy>
+  <policy group="bluetooth"><allow send_destination="org.bluez"/></policy>
+</busconfig>
+"""
+
+
+class Container:
+    def __init__(self, install_tree, adapter_delay=0):
+        out = subprocess.run([os.path.join(TOOLS, "container-root")], check=True,
+                             capture_output=True, text=True).stdout.split()
+        root_tar, self.nspawn = out[-2], out[-1]
+        self.dir = tempfile.mkdtemp(prefix="bluetooth-agent-container-", dir="/var/tmp")
+        self.root = os.path.join(self.dir, "root")
+        self.proc = self.leader = None
+        os.mkdir(self.root)
+        subprocess.run(["tar", "-C", self.root, "-xf", root_tar], check=True)
+        subprocess.run(["cp", "-a", f"{install_tree}/.", self.root], check=True)
+        os.chmod(self.root, 0o755)  # cp gave it the install tree's own mode
+        self.write("/etc/hostname", "embosser\n")
+        self.write("/usr/local/lib/bluez_board.py",
+                   open(os.path.join(TOOLS, "bluez_board.py"), encoding="utf-8").read())
+        self.set_bluez(adapter_delay)
+        self.write("/etc/dbus-1/system.d/bluez-stand-in.conf", BLUEZ_POLICY)
+        self.chroot("groupadd", "--system", "bluetooth")
+        self.chroot("useradd", "--system", "--groups", "bluetooth", "embosser-ui")
+        self.chroot("systemctl", "enable", "bluetooth.service", "bluetooth-agent.service")
+
+    def write(self, path, text):
+        full = self.root + path
+        os.makedirs(os.path.dirname(full), exist_ok=True)
+        with open(full, "w", encoding="utf-8") as f:
+            f.write(text)
+
+    def set_bluez(self, adapter_delay):
+        self.write("/etc/systemd/system/bluetooth.service", BLUETOOTH_SERVICE.format(
+            parameters=f'{{"adapter_delay": {adapter_delay}}}'))
+
+    def chroot(self, *cmd):
+        subprocess.run(["chroot", self.root, *cmd], check=True, capture_output=True)
+
+    def boot(self, timeout=120):
+        # The container's control groups go below one of our own (there is no host systemd).
+        self.move_to(os.path.basename(self.dir))
+        self.console = open(os.path.join(self.dir, "console.log"), "wb")
+        self.proc = subprocess.Popen(
+            [self.nspawn, "-D", self.root, "--register=no", "--keep-unit", "--private-network",
+             "--console=read-only", "-b"], stdout=self.console, stderr=subprocess.STDOUT,
+            stdin=subprocess.DEVNULL, start_new_session=True)
+        deadline = time.monotonic() + timeout
+        while self.leader is None and time.monotonic() < deadline:
+            self.leader = self.find_init()
+            time.sleep(0.2)
+        if self.leader is None:
+            raise RuntimeError("the container did not start: " + self.console_log())
+        self.run("systemctl", "is-system-running", "--wait", check=False, timeout=timeout)
+        return self
+
+    @staticmethod
+    def move_to(group):
+        for hierarchy in ("unified", "systemd"):
+            path = f"/sys/fs/cgroup/{hierarchy}/{group}"
+            os.makedirs(path, exist_ok=True)
+            with open(f"{path}/cgroup.procs", "w", encoding="ascii") as f:
+                f.write(str(os.getpid()))
+
+    def find_init(self):
+        """PID 1 of the container, as the host sees it: the systemd below systemd-nspawn whose
+        own PID namespace calls it 1."""
+        parents = {}
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                with open(f"/proc/{pid}/stat", encoding="ascii", errors="replace") as f:
+                    parents[int(pid)] = int(f.read().rsplit(")", 1)[1].split()[1])
+            except (OSError, IndexError, ValueError):
+                continue
+        for pid in parents:
+            ancestor = parents.get(pid)
+            while ancestor and ancestor != self.proc.pid:
+                ancestor = parents.get(ancestor)
+            if ancestor != self.proc.pid:
+                continue
+            try:
+                with open(f"/proc/{pid}/status", encoding="ascii") as f:
+                    status = f.read().splitlines()
+            except OSError:
+                continue
+            nspid = next((line for line in status if line.startswith("NSpid:")), "").split()
+            # Only once it is systemd: before, nspawn is still setting the container up.
+            if status[0].split()[-1] == "systemd" and len(nspid) > 2 and nspid[-1] == "1":
+                return pid
+        return None
+
+    def run(self, *cmd, check=True, timeout=60, user=None):
+        """A command inside the container; returns its standard output."""
+        prefix = ["setpriv", f"--reuid={user}", f"--regid={user}", "--init-groups"] if user else []
+        done = subprocess.run(["nsenter", "-t", str(self.leader), "-a", *prefix, *cmd],
+                              capture_output=True, text=True, timeout=timeout,
+                              stdin=subprocess.DEVNULL)
+        if check and done.returncode != 0:
+            raise RuntimeError(f"{cmd} failed ({done.returncode}): {done.stdout}{done.stderr}")
+        return done.stdout
+
+    def console_log(self):
+        with open(os.path.join(self.dir, "console.log"), "rb") as f:
+            return f.read().decode("utf-8", "replace")[-4000:]
+
+    def stop(self):
+        if self.proc and self.proc.poll() is None:
+            subprocess.run(["nsenter", "-t", str(self.leader), "-a", "systemctl", "poweroff"],
+                           capture_output=True, stdin=subprocess.DEVNULL)
+            try:
+                self.proc.wait(30)
+            except subprocess.TimeoutExpired:
+                os.killpg(self.proc.pid, 9)
+                self.proc.wait()
+        # Whatever of the container is left, and its control groups, go too.
+        group = os.path.basename(self.dir)
+        if self.proc:
+            kill = f"/sys/fs/cgroup/unified/{group}/payload/cgroup.kill"
+            if os.path.exists(kill):
+                with open(kill, "w", encoding="ascii") as f:
+                    f.write("1")
+            self.move_to("")
+            for hierarchy in ("unified", "systemd"):
+                for _ in range(50):
+                    subprocess.run(["find", f"/sys/fs/cgroup/{hierarchy}/{group}", "-depth",
+                                    "-type", "d", "-exec", "rmdir", "{}", ";"],
+                                   capture_output=True)
+                    if not os.path.exists(f"/sys/fs/cgroup/{hierarchy}/{group}"):
+                        break
+                    time.sleep(0.1)
+        shutil.rmtree(self.dir, ignore_errors=True)
