@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """Measures bluetooth-agent on the simulated default and prints each figure next to a floor
 measured in the same run: a minimal program doing the same job.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 // Measures bluetooth-agent, or a floor program standing in for it, as its peers see it. Prints
 // one latency in nanoseconds per line.
 //   bench-driver pairing N             BlueZ sends RequestConfirmation; a user interface answers

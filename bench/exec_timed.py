@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """exec_timed.py FILE PROGRAM [ARG...]: writes the monotonic clock (ns) to FILE, then becomes
 PROGRAM. Marks the moment of exec for the start-up benchmark."""
 

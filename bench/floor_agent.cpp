@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 // The floor for the pairing relay: a minimal Qt agent that only defers BlueZ's question,
 // signals it to the user interface and replies with the answer.
 

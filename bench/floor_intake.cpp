@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 // The floor for the received-file intake: a minimal program shaped like the daemon. A watcher
 // thread reads inotify and reports each file closed in the receive folder to the main thread,
 // which hands it to a copier thread; the copier writes it into the spool under a hidden temporary

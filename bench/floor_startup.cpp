@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 // The floor for start-up and for the idle footprint: a minimal Qt program that makes the calls
 // bluetooth-agent makes at start, as plain blocking messages, then idles in its event loop.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 #ifndef COMMAND_LINE_H
 #define COMMAND_LINE_H
 

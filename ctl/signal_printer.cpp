@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 #include "signal_printer.h"
 
 #include "bluetoothagent_interface.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 #ifndef SIGNAL_PRINTER_H
 #define SIGNAL_PRINTER_H
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 #ifndef ADAPTER_PROXY_H
 #define ADAPTER_PROXY_H
 

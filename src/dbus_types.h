@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 #ifndef DBUS_TYPES_H
 #define DBUS_TYPES_H
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 #ifndef FILEMONITOR_H
 #define FILEMONITOR_H
 

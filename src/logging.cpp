@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 #include "logging.h"
 
 Q_LOGGING_CATEGORY(lcDaemon, "BluetoothAgentDaemon", QtCriticalMsg)

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """The one fixture of the black-box tests: a private system bus, the simulated BlueZ with hci0,
 and bluetooth-agent in its fixed-path sandbox. A test fails on any daemon log line it did not
 declare with agent.expect(); the daemon's log is shown when a test fails."""

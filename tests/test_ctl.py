@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """bluetooth-agentctl as the people who build the user interface use it, against the daemon in
 the usual fixture; and the README's simulation, run with scripted answers."""
 

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """What the user interface learns about phones and what it controls: the paired-device list,
 connection status, forgetting a device, power and discoverability; and how BlueZ's signals,
 however many or however typed, are taken."""

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """The daemon as a firmware integrator installs it: the install tree, the systemd unit, the
 interface description, and the bus policy on a bus that carries the system's default policy."""
 

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """Received files as a phone, the OBEX receiver and the print spooler meet them: every accepted
 document the receiver finished writing reaches the spool once, whole, under its spool name, and
 is announced with TransferComplete; or it stays in the receive folder with a log line saying why.

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """Pairing as BlueZ and the user interface meet it: BlueZ calls the agent, the user interface is
 asked through a signal and answers, and BlueZ gets the reply."""
 

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """Start-up as an integrator meets it: what BlueZ is asked, in which order, how the daemon ends
 when it cannot run (exit code 255 and the logged reason), and how it becomes the agent of a
 BlueZ that restarted."""

@@ -1,5 +1,8 @@
-"""The unit as it runs on a board: the project installed into a Debian 12 system booted with
-systemd as PID 1, next to a simulated bluetoothd as bluetooth.service."""
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
+"""The package and its unit as they run on a board: the Debian package built, checked by lintian
+and installed into a Debian 12 system booted with systemd as PID 1, next to a simulated
+bluetoothd as bluetooth.service."""
 
 import os
 import subprocess
@@ -13,12 +16,21 @@ sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "tools"))
 from container import Container  # noqa: E402
 
 
+TOOLS = os.path.join(os.path.dirname(__file__), "..", "tools")
+
+
 @pytest.fixture(scope="module")
-def board(tmp_path_factory):
-    tree = tmp_path_factory.mktemp("destdir")
-    subprocess.run(["cmake", "--install", os.environ["BLUETOOTH_AGENT_BUILD_DIR"]], check=True,
-                   env=dict(os.environ, DESTDIR=str(tree)), stdout=subprocess.DEVNULL)
-    board = Container(tree)
+def package(tmp_path_factory):
+    out = tmp_path_factory.mktemp("package")
+    done = subprocess.run([os.path.join(TOOLS, "build-package")], capture_output=True, text=True,
+                          env=dict(os.environ, PACKAGE_DIR=str(out)))
+    assert done.returncode == 0, done.stderr
+    return done.stdout.split()[-1]
+
+
+@pytest.fixture(scope="module")
+def board(package):
+    board = Container(package)
     try:
         yield board.boot()
     finally:
@@ -47,7 +59,17 @@ def running_again(board, old_pid, registered):
          "the daemon running and registered again")
 
 
+def test_the_package_has_no_lintian_error(package):
+    done = subprocess.run(["lintian", "--fail-on", "error", package], capture_output=True,
+                          text=True)
+    assert done.returncode == 0, done.stdout
+
+
 def test_boot_starts_it_with_bluez_and_it_registers(board):
+    # The package made the user interface's group and the spool folders.
+    assert board.run("getent", "group", "bluetooth").startswith("bluetooth:")
+    assert board.run("stat", "-c", "%a %U", "/var/spool/lp/obex", "/var/spool/lp/www").split(
+        "\n")[:2] == ["770 root", "755 root"]
     wait(lambda: registrations(board) >= 1, "the agent's registration")
     assert show(board, "ActiveState") == "active"
     pid = show(board, "MainPID")

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+// SPDX-License-Identifier: MIT
+
 #include "command_line.h"
 #include "daemon.h"
 #include "file_uploader.h"

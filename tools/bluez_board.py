@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """python-dbusmock template: BlueZ as the systemd tests' bluetooth.service runs it. The bluez5
 template, with the adapter hci0 at start or `adapter_delay` seconds later (a controller that
 comes up late), and an agent manager that takes a new registration of a path it knows, since

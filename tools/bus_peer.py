@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """Another process calling bluetooth-agent: for the access tests as another user (setpriv), and
 as a user interface busy in a loop. Prints one JSON line per result for the test to read.
 

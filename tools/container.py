@@ -1,5 +1,8 @@
-"""A Debian 12 system booted with systemd as PID 1 in systemd-nspawn, with the project installed
-and a simulated bluetoothd as bluetooth.service: the daemon's unit as it runs on a board.
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
+"""A Debian 12 system booted with systemd as PID 1 in systemd-nspawn, with the project's Debian
+package installed and a simulated bluetoothd as bluetooth.service: the daemon's unit as it runs
+on a board.
 
 Needs root and the cache that tools/container-root prepares. Run with /usr/bin/python3.
 """
@@ -30,7 +33,7 @@ BLUEZ_POLICY = """<busconfig>
 
 
 class Container:
-    def __init__(self, install_tree, adapter_delay=0):
+    def __init__(self, package, adapter_delay=0):
         out = subprocess.run([os.path.join(TOOLS, "container-root")], check=True,
                              capture_output=True, text=True).stdout.split()
         root_tar, self.nspawn = out[-2], out[-1]
@@ -39,16 +42,30 @@ class Container:
         self.proc = self.leader = None
         os.mkdir(self.root)
         subprocess.run(["tar", "-C", self.root, "-xf", root_tar], check=True)
-        subprocess.run(["cp", "-a", f"{install_tree}/.", self.root], check=True)
-        os.chmod(self.root, 0o755)  # cp gave it the install tree's own mode
+        os.chmod(self.root, 0o755)  # a root others can enter, whatever mode the tar file gave it
         self.write("/etc/hostname", "embosser\n")
+        self.install(package)
         self.write("/usr/local/lib/bluez_board.py",
                    open(os.path.join(TOOLS, "bluez_board.py"), encoding="utf-8").read())
         self.set_bluez(adapter_delay)
         self.write("/etc/dbus-1/system.d/bluez-stand-in.conf", BLUEZ_POLICY)
-        self.chroot("groupadd", "--system", "bluetooth")
         self.chroot("useradd", "--system", "--groups", "bluetooth", "embosser-ui")
-        self.chroot("systemctl", "enable", "bluetooth.service", "bluetooth-agent.service")
+        self.chroot("systemctl", "enable", "bluetooth.service")
+
+    def install(self, package):
+        """Installs the package with apt from the host's mirror, as on a new board."""
+        for conf in ("/etc/resolv.conf", "/etc/apt/sources.list.d/debian.sources"):
+            shutil.copy(conf, self.root + conf)
+        for conf in os.listdir("/etc/apt/apt.conf.d"):
+            shutil.copy(f"/etc/apt/apt.conf.d/{conf}", f"{self.root}/etc/apt/apt.conf.d/")
+        shutil.copy(package, f"{self.root}/tmp/bluetooth-agent.deb")
+        env = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND": "noninteractive"}
+        for cmd in (["apt-get", "update", "-q"], ["apt-get", "install", "-y", "-q",
+                    "--no-install-recommends", "/tmp/bluetooth-agent.deb"]):
+            done = subprocess.run(["chroot", self.root, *cmd], capture_output=True, text=True,
+                                  env=env)
+            if done.returncode != 0:
+                raise RuntimeError(f"{cmd} failed: {done.stdout[-2000:]}{done.stderr[-2000:]}")
 
     def write(self, path, text):
         full = self.root + path

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """The simulated world of bluetooth-agent: a private system bus, a simulated BlueZ, the daemon in
 its fixed-path sandbox, and a client that plays the user interface (or BlueZ calling the agent).
 

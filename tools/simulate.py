@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
 """bluetooth-agent on the simulated default, the way the embosser's user interface meets it.
 
 A private system bus, a simulated BlueZ with adapter hci0 and a phone, and the daemon in its
