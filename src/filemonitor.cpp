@@ -87,29 +87,27 @@ void FileMonitor::handleEvent(int wd, uint mask, const QByteArray &name)
 bool FileMonitor::watchReceiveDir()
 {
     const QByteArray receiveDir = Names::ReceiveDir.toLocal8Bit();
-    for (int attempt = 0; attempt < 2; ++attempt) {
+    const auto watch = [this, &receiveDir] {
         mWatchD = inotify_add_watch(mInotifyFd, receiveDir.constData(), receiveMask);
-        if (mWatchD != -1) {
-            if (mParentWatch != -1)
-                inotify_rm_watch(mInotifyFd, mParentWatch);
-            mParentWatch = -1;
-            return true;
-        }
-        if (attempt == 1)
-            break;
-        // Watch the nearest parent that exists, then look again: the folder may have appeared
-        // in between.
-        int parent = -1;
-        for (QByteArray dir = parentOf(receiveDir); parent == -1; dir = parentOf(dir)) {
-            parent = inotify_add_watch(mInotifyFd, dir.constData(), parentMask);
-            if (dir == "/")
-                break;
-        }
-        if (mParentWatch != -1 && mParentWatch != parent)
+        if (mWatchD != -1 && mParentWatch != -1) {
             inotify_rm_watch(mInotifyFd, mParentWatch);
-        mParentWatch = parent;
+            mParentWatch = -1;
+        }
+        return mWatchD != -1;
+    };
+    if (watch())
+        return true;
+    // Watch the nearest parent that exists, then look again: the folder may have appeared in
+    // between.
+    int parent = -1;
+    for (QByteArray dir = receiveDir; parent == -1 && dir != "/";) {
+        dir = parentOf(dir);
+        parent = inotify_add_watch(mInotifyFd, dir.constData(), parentMask);
     }
-    return false;
+    if (mParentWatch != -1 && mParentWatch != parent)
+        inotify_rm_watch(mInotifyFd, mParentWatch);
+    mParentWatch = parent;
+    return watch();
 }
 
 void FileMonitor::sweep()
