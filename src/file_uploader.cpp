@@ -48,16 +48,25 @@ bool removable(const QByteArray &path, int fd)
 }
 
 // Whether some process still has the file open for writing: then its writer is not done, and
-// the close that ends its writing brings it back. A read lease is refused exactly then.
+// the close that ends its writing brings it back. A read lease is refused exactly then. The
+// kernel sends the close event before the closing writer's write access is dropped, so a lease
+// refused at once may be that same close still under way: it is asked again for a moment before
+// the file is left to its writer.
 bool stillBeingWritten(int fd)
 {
-    if (fcntl(fd, F_SETLEASE, F_RDLCK) == 0) {
-        fcntl(fd, F_SETLEASE, F_UNLCK);
-        return false;
+    constexpr int attempts = 50;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (fcntl(fd, F_SETLEASE, F_RDLCK) == 0) {
+            fcntl(fd, F_SETLEASE, F_UNLCK);
+            return false;
+        }
+        // Leases not to be had here (no right to them, a file system without them): the close
+        // event that brought the file is all there is to go by.
+        if (errno != EAGAIN)
+            return false;
+        usleep(2000);
     }
-    // Leases not to be had here (no right to them, a file system without them): the close
-    // event that brought the file is all there is to go by.
-    return errno == EAGAIN;
+    return true;
 }
 
 // Copies what is left of source into target: the kernel's own copy where it can, pieces through
