@@ -6,6 +6,7 @@
 #include "bluetoothagent_interface.h"
 #include "constants.h"
 
+#include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVariant>
@@ -20,7 +21,11 @@ constexpr int listTimeoutMs = 25000;
 AgentClient::AgentClient()
     : proxy(new BluetoothAgentInterface(
         Names::AgentService, Names::AgentPath, QDBusConnection::systemBus(), this))
-{ }
+{
+    // Qt holds back a new bus connection's incoming signals until the event loop first runs;
+    // that pass lets the signals a command waits for be delivered as they come.
+    QCoreApplication::processEvents();
+}
 
 QDBusError AgentClient::reach()
 {
@@ -33,18 +38,31 @@ QDBusError AgentClient::reach()
     return QDBusError(bus.call(ping));
 }
 
-QDBusError AgentClient::confirm(bool yes)
+QDBusError AgentClient::confirm(bool yes, bool *pending)
 {
-    QDBusPendingReply<> reply = proxy->userConfirmation(yes);
-    reply.waitForFinished();
-    return reply.error();
+    return answer([this, yes] { return proxy->userConfirmation(yes); }, pending);
 }
 
-QDBusError AgentClient::pin(bool give, const QString &code)
+QDBusError AgentClient::pin(bool give, const QString &code, bool *pending)
 {
-    QDBusPendingReply<> reply = proxy->userSuppliedPin(give, code);
+    return answer([this, give, &code] { return proxy->userSuppliedPin(give, code); }, pending);
+}
+
+template <typename Call> QDBusError AgentClient::answer(Call call, bool *pending)
+{
+    // An answer that finds no question makes the daemon send RequestCancelled. The daemon's bus
+    // thread sends signals, so its reply can overtake the signal; a ping answered by that
+    // thread comes after it, and by then the signal is queued here.
+    bool cancelled = false;
+    const QMetaObject::Connection listening = connect(proxy,
+        &BluetoothAgentInterface::RequestCancelled, this, [&cancelled] { cancelled = true; });
+    QDBusPendingReply<> reply = call();
     reply.waitForFinished();
-    return reply.error();
+    const QDBusError error = reply.isError() ? reply.error() : reach();
+    QCoreApplication::processEvents();
+    disconnect(listening);
+    *pending = !cancelled;
+    return error;
 }
 
 QDBusError AgentClient::power(bool *on)

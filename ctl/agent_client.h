@@ -24,8 +24,9 @@ public:
 
     // Whether the daemon is on the bus and lets us talk to it.
     QDBusError reach();
-    QDBusError confirm(bool yes);
-    QDBusError pin(bool give, const QString &code);
+    // An answer reaches BlueZ only while a question is pending; *pending tells whether one was.
+    QDBusError confirm(bool yes, bool *pending);
+    QDBusError pin(bool give, const QString &code, bool *pending);
     QDBusError power(bool *on);
     QDBusError setPower(bool on);
     QDBusError setDiscoverable(bool on);
@@ -37,6 +38,7 @@ public:
 
 private:
     template <typename Call> QDBusError callAndWaitForList(Call call, QVariantMap *list);
+    template <typename Call> QDBusError answer(Call call, bool *pending);
 
     BluetoothAgentInterface *proxy;
 };

@@ -18,13 +18,14 @@ struct CommandHelp
 const CommandHelp commands[] = {
     { "monitor", "monitor", "print every signal of the daemon as it comes",
         "Prints every signal of bluetooth-agent as it comes, one line each with a time stamp,\n"
-        "until interrupted: pairing questions (a passkey as six digits), connection changes,\n"
-        "device lists (alias and address), received files and power changes." },
+        "until interrupted: pairing questions (a passkey as six digits), passkeys to type on a\n"
+        "device, questions that ended unanswered, connection changes, device lists (alias and\n"
+        "address), received files and power changes." },
     { "confirm", "confirm yes|no", "answer the pending pairing question",
         "Answers the pending pairing question (a passkey shown on the phone): yes pairs,\n"
-        "no refuses." },
+        "no refuses. Fails when no question is pending: the answer went nowhere." },
     { "pin", "pin CODE | pin --reject", "answer the pending PIN request",
-        "Answers the pending PIN request with CODE, or refuses it." },
+        "Answers the pending PIN request with CODE, or refuses it. Fails when none is pending." },
     { "power", "power [on|off]", "show the adapter's power, or switch it",
         "Without an argument shows whether the adapter is on. With one, switches it and shows\n"
         "the state BlueZ reports afterwards; fails when it did not change." },

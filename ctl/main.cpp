@@ -70,11 +70,20 @@ int run(const Command &command, AgentClient &client, QTextStream &out, QTextStre
         return QCoreApplication::exec();
     }
     case Command::Confirm:
-        error = client.confirm(command.flag);
+    case Command::Pin: {
+        bool pending = true;
+        error = command.kind == Command::Confirm ? client.confirm(command.flag, &pending)
+                                                 : client.pin(command.flag, command.text, &pending);
+        if (error.isValid())
+            break;
+        if (!pending) {
+            err << "bluetooth-agentctl: no pairing question is pending (none was asked, or BlueZ "
+                   "cancelled it): the answer went nowhere"
+                << Qt::endl;
+            return Failed;
+        }
         break;
-    case Command::Pin:
-        error = client.pin(command.flag, command.text);
-        break;
+    }
     case Command::Discoverable: {
         bool on = false;
         if ((error = client.setDiscoverable(command.flag)).isValid()

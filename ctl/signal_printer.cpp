@@ -20,6 +20,13 @@ SignalPrinter::SignalPrinter(BluetoothAgentInterface *agent, QTextStream &out)
         print(QStringLiteral("RequestUserConfirmation passkey %1")
                   .arg(passkey, 6, 10, QLatin1Char('0')));
     });
+    connect(agent, &Agent::DisplayUserPasskey, this, [this](uint passkey, ushort entered) {
+        print(QStringLiteral("DisplayUserPasskey passkey %1 entered %2")
+                  .arg(passkey, 6, 10, QLatin1Char('0'))
+                  .arg(entered));
+    });
+    connect(agent, &Agent::RequestCancelled, this,
+        [this] { print(QStringLiteral("RequestCancelled")); });
     connect(
         agent, &Agent::RequestUserPin, this, [this] { print(QStringLiteral("RequestUserPin")); });
     connect(agent, &Agent::ConnectionStatus, this, [this](const QString &device, bool status) {

@@ -22,6 +22,8 @@ AgentAdaptor::AgentAdaptor(PairingAgent *parent)
     connect(parent, &PairingAgent::RequestUserConfirmation, this,
         &AgentAdaptor::RequestUserConfirmation);
     connect(parent, &PairingAgent::RequestUserPin, this, &AgentAdaptor::RequestUserPin);
+    connect(parent, &PairingAgent::DisplayUserPasskey, this, &AgentAdaptor::DisplayUserPasskey);
+    connect(parent, &PairingAgent::RequestCancelled, this, &AgentAdaptor::RequestCancelled);
     connect(parent, &PairingAgent::BluetoothDevices, this, &AgentAdaptor::BluetoothDevices);
 }
 

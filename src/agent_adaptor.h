@@ -49,6 +49,8 @@ signals:
     void ConnectionStatus(const QString &device, bool status);
     void RequestUserPin();
     void RequestUserConfirmation(uint passkey);
+    void DisplayUserPasskey(uint passkey, ushort entered);
+    void RequestCancelled();
     void BluetoothDevices(const QVariantMap &devs);
     void PowerStateChanged(bool state);
 

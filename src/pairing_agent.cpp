@@ -81,6 +81,8 @@ void PairingAgent::onPropertiesChanged(const QDBusMessage &msg)
 
 void PairingAgent::forgetBluez()
 {
+    if (pendingMessage.type() == QDBusMessage::MethodCallMessage)
+        emit RequestCancelled();
     pendingMessage = QDBusMessage();
     qDeleteAll(watchers);
     watchers.clear();
@@ -170,6 +172,8 @@ void PairingAgent::DisplayPasskey(
     Q_UNUSED(msg)
     qCCritical(lcPairingAgent) << "pairing_agent::DisplayPasskey " << device.path() << " "
                                << passkey << " " << entered;
+    // The other side has a keyboard only: the user types this number there.
+    emit DisplayUserPasskey(passkey, entered);
 }
 
 void PairingAgent::RequestConfirmation(
@@ -199,8 +203,11 @@ void PairingAgent::AuthorizeService(
 
 void PairingAgent::Cancel(const QDBusMessage &msg)
 {
-    // Refuses the Cancel call itself; the pending question stays with the user ("Deliberate
-    // behaviours" in the README).
+    // BlueZ gave up waiting (60 s) or the pairing failed: the question is over, so a late
+    // answer must not reach BlueZ as if the user had accepted. The Cancel call itself is
+    // refused as before; BlueZ does not wait for that reply.
+    pendingMessage = QDBusMessage();
+    emit RequestCancelled();
     rejectAtOnce(msg);
 }
 
@@ -235,11 +242,14 @@ void PairingAgent::deferReply(const QDBusMessage &msg)
 
 void PairingAgent::answerPending(bool confirm, const QVariant &value)
 {
-    // An answer with no request ever received reaches no caller; a reply built on the empty
-    // message would make libdbus abort the process, so nothing is sent. A later answer to a
-    // request already answered is still sent, and the bus discards it.
-    if (pendingMessage.type() != QDBusMessage::MethodCallMessage)
+    // An answer with no request pending (none received yet, or BlueZ cancelled it) reaches no
+    // caller; a reply built on the empty message would make libdbus abort the process, so
+    // nothing is sent, and whoever answered is told that no question is open. A later answer to
+    // a request already answered is still sent, and the bus discards it.
+    if (pendingMessage.type() != QDBusMessage::MethodCallMessage) {
+        emit RequestCancelled();
         return;
+    }
 
     QDBusMessage reply;
     pendingMessage.setDelayedReply(false);

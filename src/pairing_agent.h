@@ -43,6 +43,8 @@ signals:
     void TransferComplete(const QString &file);
     void RequestUserPin();
     void RequestUserConfirmation(uint passkey);
+    void DisplayUserPasskey(uint passkey, ushort entered);
+    void RequestCancelled();
     void BluetoothDevices(const QVariantMap &devs);
     // BlueZ announced the adapter hci0.
     void adapterAdded();

@@ -52,6 +52,10 @@ def test_monitor_prints_each_signal_as_one_readable_line(make_world):
         assert monitor.next() == "RequestUserConfirmation passkey 004242"
         ui.call_async("RequestPinCode", PHONE_PATH)
         assert monitor.next() == "RequestUserPin"
+        ui.call_async("Cancel")
+        assert monitor.next() == "RequestCancelled"
+        ui.call_async("DisplayPasskey", PHONE_PATH, dbus.UInt32(4321), dbus.UInt16(0))
+        assert monitor.next() == "DisplayUserPasskey passkey 004321 entered 0"
         world.bluez.update_device(str(PHONE_PATH), Connected=True)
         assert monitor.next() == 'ConnectionStatus "Phone One" connected'
         world.bluez.add_device("AA:BB:CC:DD:EE:02", 'The "Headset"')
@@ -107,6 +111,9 @@ def test_clear_errors(make_world):
     world.start_agent()
     done = ctl(world, "devices")
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "no paired devices\n")
+    for args in (["confirm", "yes"], ["pin", "0000"]):
+        done = ctl(world, *args)
+        assert done.returncode == 1 and "no pairing question is pending" in done.stderr
     done = ctl(world, "forget", "AA:BB:CC:DD:EE")
     assert done.returncode == 2 and "usage: bluetooth-agentctl forget ADDRESS" in done.stderr
     assert world.bluez.calls(ADAPTER_PATH, "RemoveDevice") == []

@@ -140,14 +140,18 @@ class Listener:
 
 
 def make_every_signal(world):
-    """Root plays BlueZ and the user interface: a pairing question, a device list, power."""
-    world.agent.expect("BluetoothPairingAgent: pairing_agent::RequestConfirmation")
+    """Root plays BlueZ and the user interface: a pairing question, a passkey to type, a
+    cancelled question, a device list, power."""
+    world.agent.expect("BluetoothPairingAgent: pairing_agent::RequestConfirmation",
+                       "BluetoothPairingAgent: pairing_agent::DisplayPasskey")
     ui = world.client()
     phone = dbus.ObjectPath("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01")
     reply = ui.call_async("RequestConfirmation", phone, dbus.UInt32(123456))
     ui.wait_signal("RequestUserConfirmation")
     ui.call("userConfirmation", True)
     assert reply.wait().values == [True]
+    ui.call_async("DisplayPasskey", phone, dbus.UInt32(4711), dbus.UInt16(0)).wait()
+    ui.call_async("Cancel").wait()
     ui.call("getDevices")
     ui.call("setPower", True)
     ui.wait_signal("PowerStateChanged")
@@ -162,7 +166,8 @@ def test_root_owns_the_name_and_gets_answers(guarded):
                              "GetConnectionUnixProcessID", "s", [owner])
     assert pid == guarded.agent.pid
     assert guarded.client().call("getPower") is True
-    assert make_every_signal(guarded) == ["BluetoothDevices", "PowerStateChanged",
+    assert make_every_signal(guarded) == ["BluetoothDevices", "DisplayUserPasskey",
+                                          "PowerStateChanged", "RequestCancelled",
                                           "RequestUserConfirmation"]
 
 

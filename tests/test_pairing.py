@@ -6,6 +6,8 @@ asked through a signal and answers, and BlueZ gets the reply."""
 import dbus
 import pytest
 
+from simenv import pump
+
 PHONE = dbus.ObjectPath("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01")
 REJECTED = "org.bluez.Agent1.Rejected"
 LOGGED = "BluetoothPairingAgent: pairing_agent::"
@@ -44,20 +46,32 @@ def test_questions_go_to_the_user_and_the_answers_back(world, ui, method, args, 
 
 def test_only_the_latest_question_can_be_answered(world, ui):
     world.agent.expect(LOGGED + "RequestConfirmation")
-    # No question yet: the answers reach nobody and the daemon goes on.
+    # No question yet: the answers reach nobody, the user interface is told so, and the daemon
+    # goes on.
     ui.call("userConfirmation", True)
     ui.call("userSuppliedPin", True, "1234")
+    ui.wait_signal("RequestCancelled", 2)
     first = ask(ui, "RequestConfirmation", dbus.UInt32(111111), timeout=3)
     second = ask(ui, "RequestConfirmation", dbus.UInt32(222222))
-    # BlueZ's Cancel is refused and leaves the question open.
-    cancel = ui.call_async("Cancel").wait()
-    assert (cancel.error, cancel.message) == (REJECTED, "Rejected")
     ui.call("userConfirmation", False)
     assert second.wait().error == REJECTED
-    # The first is left to BlueZ's own time-out; a second answer goes nowhere.
+    # The first is left to BlueZ's own time-out; a second answer goes to the answered question.
     assert first.wait(10).error == "org.freedesktop.DBus.Error.NoReply"
     ui.call("userConfirmation", True)
-    assert ui.call("getPower") is True
+    pump()  # a signal would have come before the reply
+    assert len(ui.received("RequestCancelled")) == 2
+
+
+def test_a_cancelled_question_ends_for_the_user_and_takes_no_late_answer(world, ui):
+    world.agent.expect(LOGGED + "RequestConfirmation")
+    question = ask(ui, "RequestConfirmation", dbus.UInt32(333333), timeout=3)
+    # BlueZ's Cancel is refused as a call, but ends the question.
+    cancel = ui.call_async("Cancel").wait()
+    assert (cancel.error, cancel.message) == (REJECTED, "Rejected")
+    ui.wait_signal("RequestCancelled")
+    ui.call("userConfirmation", True)
+    assert question.wait(10).error == "org.freedesktop.DBus.Error.NoReply"
+    ui.wait_signal("RequestCancelled", 2)
 
 
 @pytest.mark.parametrize("method, args, values, error, line", [
@@ -75,7 +89,8 @@ def test_calls_answered_at_once(world, ui, method, args, values, error, line):
     assert (reply.values, reply.error) == (values, error)
     logged = [line for line in world.agent.expect(LOGGED).lines() if line.startswith("Blue")]
     assert logged == ([LOGGED + line] if line else [])
-    assert ui.signals == []
+    # Only a passkey to type on the other device is for the user to see.
+    assert ui.signals == ([("DisplayUserPasskey", [4321, 2])] if method == "DisplayPasskey" else [])
 
 
 def test_silenced_log_changes_nothing_else(make_world):
@@ -109,6 +124,7 @@ def test_malformed_and_huge_calls_leave_the_daemon_serving(world, ui):
         assert reply.error == "org.freedesktop.DBus.Error.UnknownMethod", (method, args)
     # Every Cancel reaches the agent, whatever it carries, and is refused.
     assert ui.call_async("Cancel", True, HUGE).wait().error == REJECTED
+    ui.wait_signal("RequestCancelled")
     assert ui.call_async("DisplayPinCode", PHONE, HUGE).wait().error is None
     ui.call("forgetDevice", HUGE)
     ui.wait_signal("BluetoothDevices")

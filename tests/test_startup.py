@@ -114,10 +114,13 @@ def test_a_restarted_bluez_gets_the_agent_again(paired_world, adapter_at_once):
     ui.wait_signal("RequestUserConfirmation")
     world.bluez.stop()
     wait_until(lambda: len(world.agent.lines()) == 2, what="the daemon noticing")
-    # Without BlueZ the daemon still serves; the question of the old BlueZ is gone.
+    # Without BlueZ the daemon still serves; the question of the old BlueZ is gone, and the user
+    # interface is told so.
+    ui.wait_signal("RequestCancelled")
     assert ui.call("getPower") is False
     assert ui.devices() == {}
     ui.call("userConfirmation", True)
+    ui.wait_signal("RequestCancelled", 2)
 
     # Held while the new BlueZ starts, the daemon first sees it with its adapter.
     os.kill(world.agent.pid, signal.SIGSTOP if adapter_at_once else signal.SIGCONT)
