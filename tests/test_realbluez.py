@@ -148,12 +148,9 @@ def test_scenario_repairing(scenario):
 
 
 def test_scenario_bluetoothd_restart(scenario):
-    assert scenario["agent_log"][:2] == ["BluetoothAgentDaemon: BlueZ left the system bus",
-                                         "BluetoothAgentDaemon: BlueZ is on the system bus "
-                                         "without hci0: waiting for it"] or \
-        scenario["agent_log"][:2] == ["BluetoothAgentDaemon: BlueZ left the system bus",
-                                      "BluetoothAgentDaemon: BlueZ is on the system bus: "
-                                      "registering the agent"]
+    log = scenario["agent_log"]
+    assert log[0] == "BluetoothAgentDaemon: BlueZ left the system bus"
+    assert log[1].endswith("registering the agent") or log[2].endswith("registering the agent")
     assert [m for m, _ in questions(scenario)] == ["RequestUserConfirmation"]
     assert scenario["pair_error"] is None
     assert paired_both_sides(scenario) == [True, True]

@@ -64,12 +64,6 @@ private slots:
         QCOMPARE(uploader.accepts(suffix), accepted);
     }
 
-    void spoolNameIsHiddenPrefixedAndNumbered()
-    {
-        QCOMPARE(FileUploader().nameTemplate(12, ".brf"),
-            QStringLiteral("/var/spool/lp/www/.\\\"bluetooth-agent\\\"12-XXXXXX.brf"));
-    }
-
     void onlyAPlainCloseAfterWriteOrAFoundFileStartsAnUpload()
     {
         // Never deleted: its worker threads run until the process ends, as in the daemon.
@@ -93,16 +87,6 @@ private slots:
         QTest::addColumn<int>("kind");
         QTest::addColumn<bool>("flag");
         QTest::addColumn<QString>("text");
-        QTest::newRow("confirm") << QStringList { "confirm", "no" } << int(Command::Confirm)
-                                 << false << QString();
-        QTest::newRow("pin") << QStringList { "pin", "0815" } << int(Command::Pin) << true
-                             << "0815";
-        QTest::newRow("pin reject")
-            << QStringList { "pin", "--reject" } << int(Command::Pin) << false << QString();
-        QTest::newRow("power") << QStringList { "power", "on" } << int(Command::Power) << true
-                               << QString();
-        QTest::newRow("forget") << QStringList { "forget", "aa:bb:cc:dd:ee:0f" }
-                                << int(Command::Forget) << false << "AA:BB:CC:DD:EE:0F";
         QTest::newRow("help") << QStringList { "forget", "--help" } << int(Command::Help) << false
                               << "forget";
         QTest::newRow("version") << QStringList { "--version" } << int(Command::Version) << false
