@@ -176,14 +176,15 @@ FileUploader::Outcome FileUploader::take(const QByteArray &path)
         mWaiting.remove(path);
         return Outcome::NotThere;
     }
+    // First whether its writer is done: the size read below must be the final one.
+    if (source.fd != -1 && stillBeingWritten(source.fd))
+        return Outcome::NotThere;
     struct stat taken;
     if (source.fd == -1 || fstat(source.fd, &taken) != 0 || !S_ISREG(taken.st_mode)
         || taken.st_nlink != 1 || !removable(path, source.fd)) {
         emit error(QStringLiteral("unable to open file"));
         return Outcome::Refused;
     }
-    if (stillBeingWritten(source.fd))
-        return Outcome::NotThere;
 
     const QByteArray name = path.mid(path.lastIndexOf('/') + 1);
     const QByteArray suffix = suffixOf(name);

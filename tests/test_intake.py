@@ -11,6 +11,7 @@ import re
 import shutil
 import signal
 import subprocess
+import time
 
 import pytest
 
@@ -216,9 +217,16 @@ def test_the_receive_folder_missing_at_start_and_removed_later(make_world):
     wait_until(lambda: world.agent.lines() == [WATCH_ERROR], what="the watch error")
     for round_ in range(1, 3):
         os.mkdir(world.sandbox.obex)
-        world.sandbox.drop(f"round{round_}.brf", b"%d" % round_)
+        # Written in two parts: the look round the folder that comes back meets the writer at it,
+        # and the file is taken whole once it is closed.
+        with open(os.path.join(world.sandbox.obex, f"round{round_}.brf"), "wb") as f:
+            f.write(b"first ")
+            f.flush()
+            time.sleep(0.05)
+            f.write(b"%d" % round_)
         assert ui.wait_signal("TransferComplete", round_)[-1] == [f"round{round_}.brf"]
         wait_until(lambda: world.sandbox.received() == [], what="the file taken")
+        assert b"first %d" % round_ in world.sandbox.spooled().values()
         os.rmdir(world.sandbox.obex)
         wait_until(lambda: world.agent.lines() == [WATCH_ERROR] * (round_ + 1),
                    what="the watch error once more")
