@@ -94,7 +94,12 @@ class Container:
             time.sleep(0.2)
         if self.leader is None:
             raise RuntimeError("the container did not start: " + self.console_log())
-        self.run("systemctl", "is-system-running", "--wait", check=False, timeout=timeout)
+        # Until systemd answers, "--wait" returns at once: ask until start-up is over.
+        state = ""
+        while state not in ("running", "degraded") and time.monotonic() < deadline:
+            state = self.run("systemctl", "is-system-running", "--wait", check=False,
+                             timeout=timeout).strip()
+            time.sleep(0.2)
         return self
 
     @staticmethod
