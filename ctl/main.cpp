@@ -74,15 +74,12 @@ int run(const Command &command, AgentClient &client, QTextStream &out, QTextStre
         bool pending = true;
         error = command.kind == Command::Confirm ? client.confirm(command.flag, &pending)
                                                  : client.pin(command.flag, command.text, &pending);
-        if (error.isValid())
+        if (error.isValid() || pending)
             break;
-        if (!pending) {
-            err << "bluetooth-agentctl: no pairing question is pending (none was asked, or BlueZ "
-                   "cancelled it): the answer went nowhere"
-                << Qt::endl;
-            return Failed;
-        }
-        break;
+        err << "bluetooth-agentctl: no pairing question is pending (none was asked, or BlueZ "
+               "cancelled it): the answer went nowhere"
+            << Qt::endl;
+        return Failed;
     }
     case Command::Discoverable: {
         bool on = false;

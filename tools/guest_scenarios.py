@@ -270,7 +270,6 @@ class Guest:
         wait_until(lambda: default_agent().endswith(AGENT_PATH), 30, "the default agent")
         return {
             "default_agent": default_agent(),
-            "hostname": hostname(),
             "embosser": {k: self.prop(EMBOSSER, ADAPTER_IFACE, k)
                          for k in ("Powered", "Alias", "Pairable")},
             "ui_getPower": self.ui.call("getPower"),
@@ -322,7 +321,6 @@ class Guest:
         except TimeoutError:
             pass  # the test reports what stayed
         return {
-            "holders": holders(RECEIVE),
             "sent": sent,
             "ui": self.ui.signals[mark:],
             "receive_folder": sorted(os.listdir(RECEIVE)),
@@ -408,21 +406,6 @@ class Guest:
 def hostname():
     """The first line of /etc/hostname, as the daemon reads it."""
     return read("/etc/hostname").splitlines(keepends=True)[0]
-
-
-def holders(folder):
-    """Which processes hold the files left in folder open, and with which open flags."""
-    found = []
-    for pid in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            for fd in os.listdir(f"/proc/{pid}/fd"):
-                target = os.readlink(f"/proc/{pid}/fd/{fd}")
-                if target.startswith(folder):
-                    flags = read(f"/proc/{pid}/fdinfo/{fd}").split("flags:")[1].split()[0]
-                    found.append([read(f"/proc/{pid}/comm").strip(), target, flags])
-        except OSError:
-            pass
-    return found
 
 
 def default_agent():
