@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
 # SPDX-License-Identifier: MIT
 # Cross-compiling for the embosser's board: Debian armhf, against a sysroot that holds its Qt 5
-# (tools/cross-build-armhf prepares one). Set ARMHF_SYSROOT on the command line or in the
+# (scripts/cross-build-armhf prepares one). Set ARMHF_SYSROOT on the command line or in the
 # environment.
 
 set(CMAKE_SYSTEM_NAME Linux)

@@ -79,7 +79,7 @@ def guarded(make_world, installed, tmp_path):
     world = make_world(bus_config=simenv.guarded_bus_config(policy_dir), bus_launcher=launcher)
     # Other users must reach the bus socket and the caller script.
     os.chmod(world.workdir, 0o755)
-    shutil.copy(simenv.BUS_PEER, world.workdir)
+    shutil.copy(os.path.join(HERE, "bus_peer.py"), world.workdir)
     world.ui_gid = gid
     world.start_agent()
     return world

@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
 # SPDX-License-Identifier: MIT
 """bluetooth-agent against the real BlueZ: bluetoothd, obexd and two virtual controllers from
-btvirt in a Debian guest under qemu (tools/guest-run). The guest plays the embosser's user
+btvirt in a Debian guest under qemu (guest/guest-run). The guest plays the embosser's user
 interface and a phone on hci1 through every scenario once; each test here judges one scenario
 from what the user interface and both controllers saw.
 
@@ -15,10 +15,10 @@ import subprocess
 
 import pytest
 
-TOOLS = os.path.join(os.path.dirname(__file__), "..", "tools")
+HERE = os.path.dirname(os.path.abspath(__file__))
 REJECTED = "org.bluez.Error.AuthenticationFailed"
 
-subprocess.run([os.path.join(TOOLS, "install-deps"), "qemu-system-x86", "debootstrap", "e2fsprogs"],
+subprocess.run([os.path.join(HERE, "..", "scripts", "install-deps"), "qemu-system-x86", "debootstrap", "e2fsprogs"],
                capture_output=True)
 if shutil.which("qemu-system-x86_64") is None or subprocess.run(
         ["qemu-system-x86_64", "--version"], capture_output=True).returncode != 0:
@@ -29,7 +29,7 @@ if shutil.which("qemu-system-x86_64") is None or subprocess.run(
 @pytest.fixture(scope="module")
 def guest(tmp_path_factory):
     out = tmp_path_factory.mktemp("guest")
-    subprocess.run([os.path.join(TOOLS, "guest-run"), os.environ["BLUETOOTH_AGENT_BUILD_DIR"],
+    subprocess.run([os.path.join(HERE, "guest", "guest-run"), os.environ["BLUETOOTH_AGENT_BUILD_DIR"],
                     str(out)], check=True, timeout=1800)
     with open(out / "observations.json", encoding="utf-8") as f:
         observations = json.load(f)

@@ -11,23 +11,23 @@ import time
 
 import pytest
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "tools"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "container"))
 
 from container import Container  # noqa: E402
 
 if os.environ.get("BLUETOOTH_AGENT_IN_CHROOT"):
     pytest.skip("systemd-nspawn does not boot a container inside the chroot of "
-                "tools/test-fresh-root; this group runs on the machine itself",
+                "scripts/test-fresh-root; this group runs on the machine itself",
                 allow_module_level=True)
 
 
-TOOLS = os.path.join(os.path.dirname(__file__), "..", "tools")
+SCRIPTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts")
 
 
 @pytest.fixture(scope="module")
 def package(tmp_path_factory):
     out = tmp_path_factory.mktemp("package")
-    done = subprocess.run([os.path.join(TOOLS, "build-package")], capture_output=True, text=True,
+    done = subprocess.run([os.path.join(SCRIPTS, "build-package")], capture_output=True, text=True,
                           env=dict(os.environ, PACKAGE_DIR=str(out)))
     assert done.returncode == 0, done.stderr
     return done.stdout.split()[-1]

@@ -25,7 +25,6 @@ dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
 
 TOOLS = os.path.dirname(os.path.abspath(__file__))
 SANDBOX_RUN = os.path.join(TOOLS, "sandbox-run")
-BUS_PEER = os.path.join(TOOLS, "bus_peer.py")
 DEBIAN_PYTHON = "/usr/bin/python3"
 
 AGENT_SERVICE = "com.quorvane.BluetoothAgent"

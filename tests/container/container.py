@@ -4,7 +4,7 @@
 package installed and a simulated bluetoothd as bluetooth.service: the daemon's unit as it runs
 on a board.
 
-Needs root and the cache that tools/container-root prepares. Run with /usr/bin/python3.
+Needs root and the cache that container-root beside it prepares. Run with /usr/bin/python3.
 """
 
 import os
@@ -13,7 +13,7 @@ import subprocess
 import tempfile
 import time
 
-TOOLS = os.path.dirname(os.path.abspath(__file__))
+HERE = os.path.dirname(os.path.abspath(__file__))
 
 # bluetoothd stand-in: python-dbusmock's BlueZ with hci0, at once or some seconds late.
 BLUETOOTH_SERVICE = """[Unit]
@@ -34,7 +34,7 @@ BLUEZ_POLICY = """<busconfig>
 
 class Container:
     def __init__(self, package, adapter_delay=0):
-        out = subprocess.run([os.path.join(TOOLS, "container-root")], check=True,
+        out = subprocess.run([os.path.join(HERE, "container-root")], check=True,
                              capture_output=True, text=True).stdout.split()
         root_tar, self.nspawn = out[-2], out[-1]
         self.dir = tempfile.mkdtemp(prefix="bluetooth-agent-container-", dir="/var/tmp")
@@ -46,7 +46,7 @@ class Container:
         self.write("/etc/hostname", "embosser\n")
         self.install(package)
         self.write("/usr/local/lib/bluez_board.py",
-                   open(os.path.join(TOOLS, "bluez_board.py"), encoding="utf-8").read())
+                   open(os.path.join(HERE, "bluez_board.py"), encoding="utf-8").read())
         self.set_bluez(adapter_delay)
         self.write("/etc/dbus-1/system.d/bluez-stand-in.conf", BLUEZ_POLICY)
         self.chroot("useradd", "--system", "--groups", "bluetooth", "embosser-ui")
