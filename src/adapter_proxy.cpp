@@ -4,7 +4,9 @@
 #include "adapter_proxy.h"
 
 #include "constants.h"
-#include "dbus_types.h"
+
+#include <QDBusMessage>
+#include <QDBusVariant>
 
 BluetoothAdapterInterface::BluetoothAdapterInterface(
     const QString &service, const QString &path, const QDBusConnection &connection, QObject *parent)
@@ -14,20 +16,24 @@ BluetoothAdapterInterface::BluetoothAdapterInterface(
 
 BluetoothAdapterInterface::~BluetoothAdapterInterface() = default;
 
-bool BluetoothAdapterInterface::discoverable() const { return property("Discoverable").toBool(); }
-
-void BluetoothAdapterInterface::setDiscoverable(bool value)
+QDBusPendingCall BluetoothAdapterInterface::get(const QString &property) const
 {
-    setProperty("Discoverable", QVariant(value));
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        service(), path(), Names::PropertiesInterface, QStringLiteral("Get"));
+    call << Names::AdapterInterface << property;
+    return connection().asyncCall(call);
 }
 
-bool BluetoothAdapterInterface::powered() const { return property("Powered").toBool(); }
-
-void BluetoothAdapterInterface::setPowered(bool value) { setProperty("Powered", QVariant(value)); }
-
-QString BluetoothAdapterInterface::alias() const { return textUpToNul(property("Alias")); }
-
-void BluetoothAdapterInterface::setAlias(const QString &value)
+QDBusPendingCall BluetoothAdapterInterface::set(
+    const QString &property, const QVariant &value) const
 {
-    setProperty("Alias", QVariant(value));
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        service(), path(), Names::PropertiesInterface, QStringLiteral("Set"));
+    call << Names::AdapterInterface << property << QVariant::fromValue(QDBusVariant(value));
+    return connection().asyncCall(call);
+}
+
+QDBusPendingCall BluetoothAdapterInterface::removeDevice(const QDBusObjectPath &device)
+{
+    return asyncCall(QStringLiteral("RemoveDevice"), QVariant::fromValue(device));
 }

@@ -5,28 +5,25 @@
 #define ADAPTER_PROXY_H
 
 #include <QDBusAbstractInterface>
+#include <QDBusObjectPath>
+#include <QDBusPendingCall>
 
-// BlueZ's adapter. QObject::property() and setProperty() on the three properties are
-// blocking Properties Get and Set calls; a failed read gives an invalid QVariant (false,
-// empty text) and a failed write makes setProperty() return false.
+// BlueZ's adapter. Every call returns at once; whoever needs the answer watches the pending
+// call, or waits for it during start-up, the one time the daemon may wait for BlueZ.
 class BluetoothAdapterInterface : public QDBusAbstractInterface
 {
     Q_OBJECT
-    Q_PROPERTY(bool Discoverable READ discoverable WRITE setDiscoverable)
-    Q_PROPERTY(bool Powered READ powered WRITE setPowered)
-    Q_PROPERTY(QString Alias READ alias WRITE setAlias)
 
 public:
     BluetoothAdapterInterface(const QString &service, const QString &path,
         const QDBusConnection &connection, QObject *parent);
     ~BluetoothAdapterInterface() override;
 
-    bool discoverable() const;
-    void setDiscoverable(bool value);
-    bool powered() const;
-    void setPowered(bool value);
-    QString alias() const;
-    void setAlias(const QString &value);
+    // Properties Get and Set of "Discoverable", "Powered" or "Alias"; a failed Get counts as
+    // false or empty text.
+    QDBusPendingCall get(const QString &property) const;
+    QDBusPendingCall set(const QString &property, const QVariant &value) const;
+    QDBusPendingCall removeDevice(const QDBusObjectPath &device);
 };
 
 #endif // ADAPTER_PROXY_H

@@ -5,6 +5,7 @@
 
 #include "adapter_proxy.h"
 #include "constants.h"
+#include "dbus_types.h"
 #include "pairing_agent.h"
 
 #include <QDBusConnection>
@@ -13,7 +14,7 @@
 AgentAdaptor::AgentAdaptor(PairingAgent *parent)
     : QDBusAbstractAdaptor(parent)
     , adapter(new BluetoothAdapterInterface(
-          Names::BluezService, Names::AdapterPath, QDBusConnection::systemBus(), nullptr))
+          Names::BluezService, Names::AdapterPath, QDBusConnection::systemBus(), this))
 {
     setAutoRelaySignals(false);
     // Re-emitting on the adaptor is what puts the agent's notifications on the bus.
@@ -92,7 +93,8 @@ void AgentAdaptor::Cancel(const QDBusMessage &msg)
 
 void AgentAdaptor::SetDiscoverable(bool mode)
 {
-    adapter->setProperty("Discoverable", QVariant(mode));
+    // Answered once BlueZ has: the caller knows it is done, and nothing else waits meanwhile.
+    replyWhenDone(adapter->set(QStringLiteral("Discoverable"), QVariant(mode)));
 }
 
 void AgentAdaptor::userConfirmation(bool confirm)
@@ -107,12 +109,25 @@ void AgentAdaptor::userSuppliedPin(bool confirm, const QString &pin)
         parent(), "userSuppliedPin", Qt::AutoConnection, Q_ARG(bool, confirm), Q_ARG(QString, pin));
 }
 
-bool AgentAdaptor::getPower() { return adapter->property("Powered").toBool(); }
+bool AgentAdaptor::getPower()
+{
+    // BlueZ's answer, or false when it gives none in time.
+    const QDBusPendingCall call = adapter->get(QStringLiteral("Powered"));
+    const QDBusMessage msg = deferredCall();
+    whenFinished(call, this, [msg](const QDBusPendingCall &done) {
+        QDBusConnection::systemBus().send(msg.createReply(QVariant(propertyValue(done).toBool())));
+    });
+    return false;
+}
 
 void AgentAdaptor::setPower(bool state)
 {
-    if (adapter->setProperty("Powered", QVariant(state)))
-        emit PowerStateChanged(state);
+    const QDBusPendingCall call = adapter->set(QStringLiteral("Powered"), QVariant(state));
+    whenFinished(call, this, [this, state](const QDBusPendingCall &done) {
+        if (!done.isError())
+            emit PowerStateChanged(state);
+    });
+    replyWhenDone(call);
 }
 
 void AgentAdaptor::forgetDevice(const QString &btaddr)
@@ -121,9 +136,30 @@ void AgentAdaptor::forgetDevice(const QString &btaddr)
     devicePart.replace(QLatin1Char(':'), QLatin1Char('_'));
     // A text that makes no valid object path gives an empty one (Qt warns); BlueZ then
     // refuses the call, which is ignored like any other answer to it.
-    adapter->call(QStringLiteral("RemoveDevice"),
-        QVariant::fromValue(QDBusObjectPath(Names::DevicePathPrefix + devicePart)));
-    getDevices();
+    const QDBusObjectPath device(Names::DevicePathPrefix + devicePart);
+    const QDBusPendingCall call = adapter->removeDevice(device);
+    whenFinished(call, this, [this, device](const QDBusPendingCall &done) {
+        // BlueZ announces the removal only after it answered: the fresh list must not wait.
+        if (!done.isError())
+            static_cast<PairingAgent *>(parent())->deviceRemoved(device.path());
+        getDevices();
+    });
+    replyWhenDone(call);
+}
+
+QDBusMessage AgentAdaptor::deferredCall() const
+{
+    // Qt D-Bus keeps the call being served with the object the adaptor belongs to.
+    const auto *agent = static_cast<PairingAgent *>(parent());
+    agent->setDelayedReply(true);
+    return agent->message();
+}
+
+void AgentAdaptor::replyWhenDone(const QDBusPendingCall &call)
+{
+    const QDBusMessage msg = deferredCall();
+    whenFinished(call, this,
+        [msg](const QDBusPendingCall &) { QDBusConnection::systemBus().send(msg.createReply()); });
 }
 
 void AgentAdaptor::getDevices()

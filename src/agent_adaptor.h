@@ -7,6 +7,7 @@
 #include <QDBusAbstractAdaptor>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
+#include <QDBusPendingCall>
 #include <QVariantMap>
 
 class BluetoothAdapterInterface;
@@ -14,7 +15,8 @@ class PairingAgent;
 
 // "/BluetoothAgent" on the bus: BlueZ's agent calls and the user interface's control calls
 // come in here, the agent's notifications go out from here. Agent calls are forwarded to the
-// PairingAgent by name; power, discoverability and forgetting go to the adapter.
+// PairingAgent by name; power, discoverability and forgetting go to the adapter, and their
+// callers are answered when BlueZ has answered, without the daemon waiting for it.
 class AgentAdaptor : public QDBusAbstractAdaptor
 {
     Q_OBJECT
@@ -55,6 +57,11 @@ signals:
     void PowerStateChanged(bool state);
 
 private:
+    // The call being served, answered later: its reply waits for BlueZ's answer.
+    QDBusMessage deferredCall() const;
+    // Answers the call being served once BlueZ answered call (or failed to), whatever it said.
+    void replyWhenDone(const QDBusPendingCall &call);
+
     BluetoothAdapterInterface *adapter;
 };
 

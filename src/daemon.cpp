@@ -5,6 +5,7 @@
 
 #include "adapter_proxy.h"
 #include "agent_adaptor.h"
+#include "bluez_setup.h"
 #include "constants.h"
 #include "file_uploader.h"
 #include "filemonitor.h"
@@ -12,8 +13,6 @@
 #include "pairing_agent.h"
 
 #include <QDBusConnection>
-#include <QDBusInterface>
-#include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
 #include <QFile>
 
@@ -31,24 +30,12 @@ QString getHostname()
     return name.isEmpty() ? Names::FallbackHostname : name;
 }
 
-namespace {
-// One blocking agent-manager call; a refusal is logged and start-up goes on.
-void callAgentManager(QDBusInterface *manager, const QString &method, const QVariantList &args,
-    const char *failureText)
-{
-    QDBusPendingReply<> reply = manager->callWithArgumentList(QDBus::AutoDetect, method, args);
-    reply.waitForFinished();
-    if (!reply.isValid())
-        qCCritical(lcDaemon) << failureText << manager->lastError().message();
-}
-} // namespace
-
 Daemon::Daemon()
+    : uploader(new FileUploader)
 {
-    auto *uploader = new FileUploader;
     uploader->moveToThread(&uploaderThread);
     connect(&uploaderThread, &QThread::finished, uploader, &QObject::deleteLater);
-    connect(this, &Daemon::startUploader, uploader, &FileUploader::doWork);
+    connect(this, &Daemon::startMonitor, uploader, &FileUploader::start);
     connect(uploader, &FileUploader::uploadDone, this, &Daemon::uploaderDone);
     connect(uploader, &FileUploader::error, this, &Daemon::uploadError);
     uploaderThread.start(QThread::InheritPriority);
@@ -57,8 +44,13 @@ Daemon::Daemon()
     monitor->moveToThread(&monitorThread);
     connect(&monitorThread, &QThread::finished, monitor, &QObject::deleteLater);
     connect(this, &Daemon::startMonitor, monitor, &FileMonitor::doWork);
-    connect(monitor, &FileMonitor::fileEvent, this, &Daemon::processFileEvent);
-    connect(monitor, &FileMonitor::fileFound, this, &Daemon::processFoundFile);
+    // Routed on the monitor's own thread: a document never waits for the main thread's work.
+    connect(
+        monitor, &FileMonitor::fileEvent, this, &Daemon::processFileEvent, Qt::DirectConnection);
+    connect(
+        monitor, &FileMonitor::fileFound, this, &Daemon::processFoundFile, Qt::DirectConnection);
+    connect(monitor, &FileMonitor::spoolChanged, uploader, &FileUploader::spoolChanged,
+        Qt::DirectConnection);
     monitorThread.start(QThread::InheritPriority);
 }
 
@@ -81,13 +73,13 @@ bool Daemon::init()
         return false;
     }
 
-    // Kept until the process ends like every BlueZ proxy.
-    adapter = new BluetoothAdapterInterface(Names::BluezService, Names::AdapterPath, bus, nullptr);
+    // Kept until the process ends, like the agent.
+    adapter = new BluetoothAdapterInterface(Names::BluezService, Names::AdapterPath, bus, this);
     if (!adapter->isValid()) {
         qCCritical(lcDaemon) << "iface not valid, something went wrong!";
         return false;
     }
-    if (!setUpBluez())
+    if (!BluezSetUp(BluezSetUp::Start, adapter, agent, nullptr).run())
         return false;
 
     // A restarted bluetoothd knows no agent: follow the owner of BlueZ's name and set it up
@@ -99,46 +91,25 @@ bool Daemon::init()
     return true;
 }
 
-bool Daemon::setUpBluez()
+void Daemon::setUpBluez(BluezSetUp::Occasion occasion)
 {
-    // A failed read counts as "off" and leads to the write.
-    if (!adapter->property("Powered").toBool()
-        && !adapter->setProperty("Powered", QVariant(true))) {
-        qCCritical(lcDaemon) << "not powered...";
-        return false;
-    }
-    // A refused name is no reason to stop.
-    adapter->setProperty("Alias", QVariant(getHostname()));
-
-    agent->loadDevices();
-
-    if (!manager)
-        manager = new QDBusInterface(Names::BluezService, Names::AgentManagerPath,
-            Names::AgentManagerInterface, QDBusConnection::systemBus());
-    const QVariant agentPath = QVariant::fromValue(QDBusObjectPath(Names::AgentPath));
-    callAgentManager(manager, QStringLiteral("RegisterAgent"),
-        { agentPath, QVariant(Names::AgentCapability) }, "RegisterAgent unsuccessful!");
-    callAgentManager(manager, QStringLiteral("RequestDefaultAgent"), { agentPath },
-        "RequestDefaultAgent unsuccessful!");
-    return true;
+    // One set-up at a time: whatever the last one still waited for no longer matters.
+    delete setUp;
+    setUp = new BluezSetUp(occasion, adapter, agent, this);
+    connect(setUp, &BluezSetUp::adapterMissing, this, [this] { waitingForAdapter = true; });
+    setUp->run();
 }
 
 void Daemon::bluezOwnerChanged(const QString &, const QString &oldOwner, const QString &newOwner)
 {
     if (!oldOwner.isEmpty()) {
         qCCritical(lcDaemon) << "BlueZ left the system bus";
+        delete setUp;
         agent->forgetBluez();
         waitingForAdapter = false;
     }
-    if (newOwner.isEmpty())
-        return;
-    if (!adapter->property("Powered").isValid()) {
-        qCCritical(lcDaemon) << "BlueZ is on the system bus without hci0: waiting for it";
-        waitingForAdapter = true;
-        return;
-    }
-    qCCritical(lcDaemon) << "BlueZ is on the system bus: registering the agent";
-    setUpBluez();
+    if (!newOwner.isEmpty())
+        setUpBluez(BluezSetUp::BluezCame);
 }
 
 void Daemon::adapterAdded()
@@ -147,20 +118,20 @@ void Daemon::adapterAdded()
         return;
     waitingForAdapter = false;
     qCCritical(lcDaemon) << "hci0 appeared: registering the agent";
-    setUpBluez();
+    setUpBluez(BluezSetUp::AdapterCame);
 }
 
 void Daemon::processFileEvent(const QByteArray &name, uint mask)
 {
-    // Equality, not a bit test: only a plain close-after-write, a writer done with a file, counts.
-    if (mask == IN_CLOSE_WRITE)
+    // Equality, not a bit test: only a writer done with a file, or a whole file moved in, counts.
+    if (mask == IN_CLOSE_WRITE || mask == IN_MOVED_TO)
         processFoundFile(name);
 }
 
 void Daemon::processFoundFile(const QByteArray &name)
 {
-    // The same file may come twice (its close event and a sweep): the uploader takes it once.
-    emit startUploader(Names::ReceiveDir.toLocal8Bit() + '/' + name);
+    // The same file may come many times (its events and a sweep): the uploader takes it once.
+    uploader->enqueue(name);
 }
 
 void Daemon::uploaderDone(const QString &file)

@@ -4,14 +4,17 @@
 #ifndef DAEMON_H
 #define DAEMON_H
 
+#include "bluez_setup.h"
+
 #include <QByteArray>
 #include <QObject>
+#include <QPointer>
 #include <QString>
 #include <QThread>
 
 class BluetoothAdapterInterface;
+class FileUploader;
 class PairingAgent;
-class QDBusInterface;
 
 // The adapter's name: the first line of the host-name file, its line feed included.
 QString getHostname();
@@ -30,12 +33,12 @@ public:
     bool init();
 
 signals:
-    void startUploader(const QByteArray &path);
     void startMonitor();
 
 public slots:
     void uploaderDone(const QString &file);
     void uploadError(const QString &message);
+    // Called on the file monitor's thread.
     void processFileEvent(const QByteArray &name, uint mask);
     void processFoundFile(const QByteArray &name);
 
@@ -44,16 +47,17 @@ private slots:
     void adapterAdded();
 
 private:
-    // BlueZ's part of start-up: power, name, devices, agent registration. False when the
-    // adapter cannot be powered.
-    bool setUpBluez();
+    // BlueZ's part of start-up again, without waiting for BlueZ.
+    void setUpBluez(BluezSetUp::Occasion occasion);
 
     // Never quit or waited for: they run as long as the process.
     QThread uploaderThread;
     QThread monitorThread;
+    // Lives on uploaderThread; its enqueue() may be called from any thread.
+    FileUploader *const uploader;
     PairingAgent *agent = nullptr;
     BluetoothAdapterInterface *adapter = nullptr;
-    QDBusInterface *manager = nullptr;
+    QPointer<BluezSetUp> setUp;
     // A new BlueZ came without its adapter: set it up when hci0 is announced.
     bool waitingForAdapter = false;
 };

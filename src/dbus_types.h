@@ -5,10 +5,15 @@
 #define DBUS_TYPES_H
 
 #include <QDBusObjectPath>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QDBusVariant>
 #include <QMap>
 #include <QString>
 #include <QVariant>
 #include <QVariantMap>
+
+#include <utility>
 
 // The object manager's containers. Qt's container templates give them their meta-type names.
 using InterfaceList = QMap<QString, QVariantMap>; // a{sa{sv}}
@@ -18,6 +23,25 @@ using ManagedObjectList = QMap<QDBusObjectPath, InterfaceList>; // a{oa{sa{sv}}}
 inline QString textUpToNul(const QVariant &value)
 {
     return QString::fromUtf8(value.toByteArray().constData());
+}
+
+// The value of a Properties Get; a failed one is an invalid QVariant (false, empty text).
+inline QVariant propertyValue(const QDBusPendingCall &call)
+{
+    const QDBusPendingReply<QDBusVariant> reply = call;
+    return reply.isError() ? QVariant() : reply.value().variant();
+}
+
+// Runs done(call) on context's thread once BlueZ answered, or failed to in Qt's time-out.
+template <typename Done>
+void whenFinished(const QDBusPendingCall &call, QObject *context, Done done)
+{
+    auto *watcher = new QDBusPendingCallWatcher(call, context);
+    QObject::connect(
+        watcher, &QDBusPendingCallWatcher::finished, context, [watcher, done = std::move(done)] {
+            watcher->deleteLater();
+            done(*watcher);
+        });
 }
 
 #endif // DBUS_TYPES_H

@@ -6,22 +6,23 @@
 #include "constants.h"
 #include "dbus_types.h"
 
-DeviceInterface::DeviceInterface(
-    const QString &service, const QString &path, const QDBusConnection &connection, QObject *parent)
-    : QDBusAbstractInterface(
-        service, path, Names::DeviceInterface.toLatin1().constData(), connection, parent)
-    , devicePath(path)
-{ }
-
-bool DeviceInterface::connected() const { return property("Connected").toBool(); }
-
-QString DeviceInterface::alias() const { return textUpToNul(property("Alias")); }
-
-bool DeviceInterface::paired() const { return property("Paired").toBool(); }
+void DeviceInterface::update(const QString &interface, const QVariantMap &properties)
+{
+    if (interface != Names::DeviceInterface)
+        return;
+    for (auto it = properties.constBegin(); it != properties.constEnd(); ++it) {
+        if (it.key() == QLatin1String("Alias"))
+            mAlias = textUpToNul(it.value());
+        else if (it.key() == QLatin1String("Paired"))
+            mPaired = it.value().toBool();
+        else if (it.key() == QLatin1String("Connected"))
+            mConnected = it.value().toBool();
+    }
+}
 
 void DeviceInterface::PropertiesChanged(const QString &interface, const QVariantMap &changed)
 {
-    Q_UNUSED(interface)
+    update(interface, changed);
     // BlueZ sends an empty map when it only invalidates properties: nothing to report.
     if (changed.isEmpty())
         return;
@@ -30,5 +31,5 @@ void DeviceInterface::PropertiesChanged(const QString &interface, const QVariant
     // value (in name order) as the status: see "Deliberate behaviours" in the README.
     if (first.key() == QLatin1String("\"Connected\""))
         return;
-    emit DeviceConnected(alias(), first.value().toBool());
+    emit DeviceConnected(mAlias, first.value().toBool());
 }

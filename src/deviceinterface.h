@@ -4,25 +4,25 @@
 #ifndef DEVICEINTERFACE_H
 #define DEVICEINTERFACE_H
 
-#include <QDBusAbstractInterface>
+#include <QObject>
+#include <QString>
 #include <QVariantMap>
 
-// One BlueZ device object: three read-only properties (each read is a blocking Properties
-// Get), and its property changes, handed in by PairingAgent, reported as DeviceConnected.
-class DeviceInterface : public QDBusAbstractInterface
+// One BlueZ device object as BlueZ's own announcements describe it: its alias and whether it is
+// paired and connected, kept up to date without asking BlueZ, and its property changes, handed
+// in by PairingAgent, reported as DeviceConnected.
+class DeviceInterface : public QObject
 {
     Q_OBJECT
-    Q_PROPERTY(bool Connected READ connected)
-    Q_PROPERTY(QString Alias READ alias)
-    Q_PROPERTY(bool Paired READ paired)
 
 public:
-    DeviceInterface(const QString &service, const QString &path, const QDBusConnection &connection,
-        QObject *parent = nullptr);
+    QString alias() const { return mAlias; }
+    bool paired() const { return mPaired; }
+    bool connected() const { return mConnected; }
 
-    bool connected() const;
-    QString alias() const;
-    bool paired() const;
+    // Takes in what BlueZ announced of the object's interface (its org.bluez.Device1 properties
+    // are kept; other interfaces change nothing here).
+    void update(const QString &interface, const QVariantMap &properties);
 
 signals:
     void DeviceConnected(const QString &name, bool status);
@@ -30,14 +30,10 @@ signals:
 public slots:
     void PropertiesChanged(const QString &interface, const QVariantMap &changed);
 
-protected:
-    // DeviceConnected is this watcher's own report, no signal of BlueZ: connecting to it must not
-    // subscribe to anything on the bus.
-    void connectNotify(const QMetaMethod &) override { }
-    void disconnectNotify(const QMetaMethod &) override { }
-
 private:
-    QString devicePath;
+    QString mAlias;
+    bool mPaired = false;
+    bool mConnected = false;
 };
 
 #endif // DEVICEINTERFACE_H

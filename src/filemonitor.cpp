@@ -6,23 +6,38 @@
 #include "constants.h"
 #include "logging.h"
 
+#include <QFile>
+
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
-// Files created and files closed after writing; and the folder itself moved away (its removal
-// ends the watch with IN_IGNORED).
-constexpr uint receiveMask = IN_CREATE | IN_CLOSE_WRITE | IN_MOVE_SELF;
-// A missing receive folder is waited for in its nearest existing parent.
-constexpr uint parentMask = IN_CREATE | IN_MOVED_TO | IN_ONLYDIR;
-constexpr uint watchGone = IN_IGNORED | IN_MOVE_SELF | IN_UNMOUNT;
+// Files closed after writing or moved in (a receiver that publishes complete documents by
+// rename); and the folder itself going away.
+constexpr uint receiveMask = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVE_SELF | IN_DELETE_SELF;
+// Room made in the spool, and the spool folder going away.
+constexpr uint spoolMask = IN_DELETE | IN_MOVED_FROM | IN_MOVE_SELF | IN_DELETE_SELF | IN_ONLYDIR;
+// Entries of the folders above that come, go or move, and those folders themselves moving.
+constexpr uint pathMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MOVE_SELF
+    | IN_DELETE_SELF | IN_ONLYDIR;
+constexpr uint watchGone = IN_IGNORED | IN_MOVE_SELF | IN_DELETE_SELF | IN_UNMOUNT;
 
-QByteArray parentOf(const QByteArray &dir)
+// The folders above path, nearest first, "/" last.
+QList<QByteArray> foldersAbove(QByteArray path)
 {
-    const int slash = dir.lastIndexOf('/');
-    return slash > 0 ? dir.left(slash) : QByteArray("/");
+    QList<QByteArray> folders;
+    while (path != "/") {
+        const int slash = path.lastIndexOf('/');
+        path = slash > 0 ? path.left(slash) : QByteArray("/");
+        folders.append(path);
+    }
+    return folders;
 }
 } // namespace
 
@@ -30,24 +45,31 @@ FileMonitor::FileMonitor() = default;
 
 void FileMonitor::doWork()
 {
-    // Blocking descriptor: the read below is the thread's only waiting point. It is never
+    // Blocking descriptor: poll() below is the thread's only waiting point. It is never
     // closed; the process's end releases it.
     mInotifyFd = inotify_init1(IN_CLOEXEC);
     if (mInotifyFd == -1) {
         qCCritical(lcFileMonitor) << "mInotifyFd = -1";
         return;
     }
-    // Watch first, then take what is already there: nothing falls between the two.
-    if (watchReceiveDir())
-        sweep();
-    else
-        qCCritical(lcFileMonitor) << "mWatchD = -1";
+    // A file system mounted over a folder makes no inotify event; the mount table says so.
+    const int mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    refresh();
 
     alignas(inotify_event) char buffer[4096];
     constexpr size_t header = sizeof(inotify_event);
+    pollfd fds[] = { { mInotifyFd, POLLIN, 0 }, { mounts, POLLPRI, 0 } };
     for (;;) {
+        if (poll(fds, mounts == -1 ? 1 : 2, -1) <= 0)
+            continue;
+        if (fds[1].revents & (POLLPRI | POLLERR)) {
+            refresh();
+            emit spoolChanged();
+        }
+        if (!(fds[0].revents & POLLIN))
+            continue;
         const ssize_t n = read(mInotifyFd, buffer, sizeof buffer);
-        // Nothing read or an error: read again at once.
+        // Nothing read or an error: wait again.
         if (n <= 0)
             continue;
         for (size_t offset = 0; offset + header <= size_t(n);) {
@@ -64,64 +86,75 @@ void FileMonitor::doWork()
 void FileMonitor::handleEvent(int wd, uint mask, const QByteArray &name)
 {
     if (mask & IN_Q_OVERFLOW) {
-        // The kernel dropped events: whatever they were about is in the folder still.
-        if (mWatchD != -1 || watchReceiveDir())
-            sweep();
-    } else if (wd == mWatchD && (mask & watchGone)) {
-        // Removed, moved away or unmounted: wait for it to come back, and say so once.
-        if (!(mask & IN_IGNORED))
-            inotify_rm_watch(mInotifyFd, mWatchD);
-        mWatchD = -1;
-        qCCritical(lcFileMonitor) << "mWatchD = -1";
-        if (watchReceiveDir())
-            sweep();
-    } else if (wd == mWatchD) {
+        // The kernel dropped events: whatever they were about is in the folders still.
+        refresh();
+        sweep();
+        emit spoolChanged();
+    } else if (wd == mWatchD && !(mask & watchGone)) {
         emit fileEvent(name, mask);
-    } else if (wd == mParentWatch && mWatchD == -1) {
-        // Something appeared on the way to the receive folder; files may already be in it.
-        if (watchReceiveDir())
-            sweep();
+    } else if (wd == mWatchD || mOtherWatches.contains(wd)) {
+        // Hidden entries are copies still being written: they make no room in the spool.
+        if (name.startsWith('.') && !(mask & watchGone))
+            return;
+        // A folder went, came or moved, or a job left the spool.
+        refresh();
+        emit spoolChanged();
     }
 }
 
-bool FileMonitor::watchReceiveDir()
+void FileMonitor::refresh()
 {
-    const QByteArray receiveDir = Names::ReceiveDir.toLocal8Bit();
-    const auto watch = [this, &receiveDir] {
-        mWatchD = inotify_add_watch(mInotifyFd, receiveDir.constData(), receiveMask);
-        if (mWatchD != -1 && mParentWatch != -1) {
-            inotify_rm_watch(mInotifyFd, mParentWatch);
-            mParentWatch = -1;
-        }
-        return mWatchD != -1;
+    const QByteArray receiveDir = QFile::encodeName(Names::ReceiveDir);
+    const QByteArray spoolDir = QFile::encodeName(Names::SpoolDir);
+    QSet<int> others;
+    const auto watch = [this, &others](const QByteArray &dir, uint mask) {
+        const int wd = inotify_add_watch(mInotifyFd, dir.constData(), mask);
+        if (wd != -1)
+            others.insert(wd);
     };
-    if (watch())
-        return true;
-    // Watch the nearest parent that exists, then look again: the folder may have appeared in
-    // between.
-    int parent = -1;
-    for (QByteArray dir = receiveDir; parent == -1 && dir != "/";) {
-        dir = parentOf(dir);
-        parent = inotify_add_watch(mInotifyFd, dir.constData(), parentMask);
+    for (const QByteArray &dir : foldersAbove(receiveDir) + foldersAbove(spoolDir))
+        watch(dir, pathMask);
+    watch(spoolDir, spoolMask);
+
+    // The receive folder now at the fixed path; a symbolic link root made is followed.
+    struct stat st;
+    const bool there = stat(receiveDir.constData(), &st) == 0 && S_ISDIR(st.st_mode);
+    if (!there || st.st_dev != mReceiveDevice || st.st_ino != mReceiveInode || mWatchD == -1) {
+        if (mWatchD != -1 && !others.contains(mWatchD))
+            inotify_rm_watch(mInotifyFd, mWatchD);
+        mWatchD = there ? inotify_add_watch(mInotifyFd, receiveDir.constData(), receiveMask) : -1;
+        mReceiveDevice = there ? st.st_dev : 0;
+        mReceiveInode = there ? st.st_ino : 0;
+        if (mWatchD != -1) {
+            // Another folder: what stands in it was never reported.
+            mSaidMissing = false;
+            sweep();
+        } else if (!std::exchange(mSaidMissing, true)) {
+            // Said once each time it goes; the folders above tell when it comes back.
+            qCCritical(lcFileMonitor) << "mWatchD = -1";
+        }
     }
-    if (mParentWatch != -1 && mParentWatch != parent)
-        inotify_rm_watch(mInotifyFd, mParentWatch);
-    mParentWatch = parent;
-    return watch();
+    for (const int wd : qAsConst(mOtherWatches)) {
+        if (!others.contains(wd) && wd != mWatchD)
+            inotify_rm_watch(mInotifyFd, wd);
+    }
+    mOtherWatches = others;
 }
 
 void FileMonitor::sweep()
 {
-    DIR *dir = opendir(Names::ReceiveDir.toLocal8Bit().constData());
+    DIR *dir = opendir(QFile::encodeName(Names::ReceiveDir).constData());
     if (!dir)
         return;
     while (const dirent *entry = readdir(dir)) {
         // Only files: links, folders and pipes are no documents and are left alone here.
-        if (entry->d_type != DT_REG && entry->d_type != DT_UNKNOWN)
-            continue;
-        const QByteArray name(entry->d_name);
-        if (name != "." && name != "..")
-            emit fileFound(name);
+        struct stat st;
+        const bool file = entry->d_type == DT_REG
+            || (entry->d_type == DT_UNKNOWN
+                && fstatat(dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0
+                && S_ISREG(st.st_mode));
+        if (file)
+            emit fileFound(QByteArray(entry->d_name));
     }
     closedir(dir);
 }

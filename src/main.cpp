@@ -6,9 +6,14 @@
 #include <QCoreApplication>
 #include <QTextCodec>
 
+#include <csignal>
+
 int main(int argc, char *argv[])
 {
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    // A writer that opens a received file while the daemon holds a lease on it raises SIGIO,
+    // whose default would end the daemon: the lease itself tells the daemon what it needs.
+    std::signal(SIGIO, SIG_IGN);
     int exitCode = -1;
     {
         QCoreApplication app(argc, argv);

@@ -10,15 +10,9 @@
 
 #include <QDBusArgument>
 #include <QDBusConnection>
-#include <QDBusInterface>
 #include <QDBusMetaType>
-#include <QDBusReply>
 
-namespace {
-// Paths remembered by interfaceAdded() to skip an announcement repeated at once.
-QString lastDevicePath;
-QString lastOtherInterfacePath;
-} // namespace
+#include <iterator>
 
 PairingAgent::PairingAgent()
 {
@@ -46,6 +40,8 @@ void PairingAgent::onInterfacesAdded(const QDBusMessage &msg)
     const auto interfaces = qdbus_cast<InterfaceList>(args.at(1));
     if (path.path() == Names::AdapterPath && interfaces.contains(Names::AdapterInterface))
         emit adapterAdded();
+    if (DeviceInterface *watcher = watchers.value(path.path()))
+        watcher->update(Names::DeviceInterface, interfaces.value(Names::DeviceInterface));
     interfaceAdded(path, interfaces);
 }
 
@@ -56,16 +52,28 @@ void PairingAgent::onInterfacesRemoved(const QDBusMessage &msg)
     const QList<QVariant> args = msg.arguments();
     if (!qdbus_cast<QStringList>(args.at(1)).contains(Names::DeviceInterface))
         return;
-    // The device and the objects below it are gone; its registry entry stays.
-    const QString path = args.at(0).value<QDBusObjectPath>().path();
+    deviceRemoved(args.at(0).value<QDBusObjectPath>().path());
+}
+
+void PairingAgent::deviceRemoved(const QString &path)
+{
+    // The device and the objects below it are gone, and with them all the daemon kept of them.
+    const auto gone = [&path](const QString &other) {
+        return other == path || other.startsWith(path + QLatin1Char('/'));
+    };
     for (auto it = watchers.begin(); it != watchers.end();) {
-        if (it.key() == path || it.key().startsWith(path + QLatin1Char('/'))) {
+        if (gone(it.key())) {
             delete it.value();
             it = watchers.erase(it);
         } else {
             ++it;
         }
     }
+    for (auto it = devices.begin(); it != devices.end();)
+        it = gone(it.value()) ? devices.erase(it) : std::next(it);
+    // Announced again, it is registered again.
+    if (gone(lastDevicePath))
+        lastDevicePath.clear();
 }
 
 void PairingAgent::onPropertiesChanged(const QDBusMessage &msg)
@@ -84,26 +92,21 @@ void PairingAgent::forgetBluez()
     if (pendingMessage.type() == QDBusMessage::MethodCallMessage)
         emit RequestCancelled();
     pendingMessage = QDBusMessage();
+    // Its devices went with it; the next BlueZ announces its own.
     qDeleteAll(watchers);
     watchers.clear();
+    devices.clear();
+    lastDevicePath.clear();
 }
 
-void PairingAgent::loadDevices()
+void PairingAgent::loadDevices(const ManagedObjectList &objects)
 {
-    auto *objectManager = new QDBusInterface(Names::BluezService, Names::ObjectManagerPath,
-        Names::ObjectManagerInterface, QDBusConnection::systemBus());
-    const QDBusReply<ManagedObjectList> reply =
-        objectManager->call(QStringLiteral("GetManagedObjects"));
-    if (!reply.isValid())
-        return;
-
-    const ManagedObjectList objects = reply.value();
     for (auto it = objects.constBegin(); it != objects.constEnd(); ++it) {
         const QString path = it.key().path();
         // Anything whose path mentions "dev" counts as a device, objects below one included.
         if (!path.contains(QLatin1String("dev")))
             continue;
-        watchDevice(path);
+        watchDevice(path)->update(Names::DeviceInterface, it->value(Names::DeviceInterface));
         devices.insert(addressFromPath(path), path);
     }
 }
@@ -124,10 +127,9 @@ void PairingAgent::interfaceAdded(const QDBusObjectPath &path, const InterfaceLi
     }
 
     // Each announcement reports the device's state; a repeated one adds no second watcher.
-    const DeviceInterface *device = watchDevice(path.path());
-    const QString alias = device->alias();
-    const bool connected = device->connected();
-    deviceConnected(alias, connected);
+    DeviceInterface *device = watchDevice(path.path());
+    device->update(Names::DeviceInterface, args.value(Names::DeviceInterface));
+    deviceConnected(device->alias(), device->connected());
 
     if (path.path() == lastDevicePath)
         return;
@@ -220,13 +222,12 @@ void PairingAgent::userSuppliedPin(bool confirm, const QString &pin)
 
 void PairingAgent::getDevices()
 {
+    // From what BlueZ announced: nothing is asked, however many devices there are.
     QVariantMap result;
     for (auto it = devices.constBegin(); it != devices.constEnd(); ++it) {
-        // Only reads two properties; nothing listens to its signal.
-        const DeviceInterface device(Names::BluezService, it.value(), QDBusConnection::systemBus());
-        if (!device.paired())
-            continue;
-        result.insert(device.alias(), QVariant(it.key()));
+        const DeviceInterface *device = watchers.value(it.value());
+        if (device && device->paired())
+            result.insert(device->alias(), QVariant(it.key()));
     }
     emit BluetoothDevices(result);
 }
@@ -273,7 +274,7 @@ DeviceInterface *PairingAgent::watchDevice(const QString &path)
     DeviceInterface *&device = watchers[path];
     if (!device) {
         // Lives until BlueZ removes the device or leaves the bus.
-        device = new DeviceInterface(Names::BluezService, path, QDBusConnection::systemBus());
+        device = new DeviceInterface;
         connect(device, &DeviceInterface::DeviceConnected, this, &PairingAgent::deviceConnected);
     }
     return device;

@@ -6,6 +6,7 @@
 
 #include "dbus_types.h"
 
+#include <QDBusContext>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QHash>
@@ -19,7 +20,7 @@ class DeviceInterface;
 // BlueZ's pairing agent and the registry of known devices. The agent calls reach it through
 // AgentAdaptor; questions go to the user interface as signals and its answers come back
 // through userConfirmation() and userSuppliedPin().
-class PairingAgent : public QObject
+class PairingAgent : public QObject, public QDBusContext
 {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.bluez.Agent1")
@@ -27,16 +28,18 @@ class PairingAgent : public QObject
 public:
     PairingAgent();
 
-    // Fills the registry from BlueZ's object manager, once at start-up.
-    void loadDevices();
+    // Fills the registry from BlueZ's object manager's list, at start-up and when BlueZ came back.
+    void loadDevices(const ManagedObjectList &objects);
 
     // The address in a BlueZ device path: what follows "/dev_" after the last "/", with ":" for
     // "_" (…/dev_00_11_22_33_44_55 gives 00:11:22:33:44:55).
     static QString addressFromPath(const QString &path);
 
-    // BlueZ left the bus: its pending question can no longer be answered and its device
-    // objects are gone. The registry stays.
+    // BlueZ left the bus: its pending question can no longer be answered and its devices are
+    // gone.
     void forgetBluez();
+    // BlueZ removed the device at path (and what was below it).
+    void deviceRemoved(const QString &path);
 
 signals:
     void ConnectionStatus(const QString &device, bool status);
@@ -82,8 +85,12 @@ private:
 
     QDBusMessage pendingMessage;
     QMap<QString, QString> devices; // address -> device object path
-    // One watcher per device object path; BlueZ's property changes are handed to it by path.
+    // One watcher per device object path, holding what BlueZ announced of it; BlueZ's property
+    // changes are handed to it by path.
     QHash<QString, DeviceInterface *> watchers;
+    // Paths remembered by interfaceAdded() to skip an announcement repeated at once.
+    QString lastDevicePath;
+    QString lastOtherInterfacePath;
 };
 
 #endif // PAIRING_AGENT_H

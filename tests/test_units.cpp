@@ -2,15 +2,12 @@
 // SPDX-License-Identifier: MIT
 
 #include "command_line.h"
-#include "daemon.h"
-#include "file_uploader.h"
 #include "pairing_agent.h"
 #include "signal_printer.h"
+#include "spool_handover.h"
 
 #include <QSignalSpy>
 #include <QtTest>
-
-#include <sys/inotify.h>
 
 // The daemon's and the control tool's rules that need no bus, no root and no files.
 class UnitsTest : public QObject
@@ -59,26 +56,9 @@ private slots:
         QFETCH(QByteArray, name);
         QFETCH(QByteArray, suffix);
         QFETCH(bool, accepted);
-        FileUploader uploader;
-        QCOMPARE(FileUploader::suffixOf(name), suffix);
-        QCOMPARE(uploader.accepts(suffix), accepted);
-    }
-
-    void onlyAPlainCloseAfterWriteOrAFoundFileStartsAnUpload()
-    {
-        // Never deleted: its worker threads run until the process ends, as in the daemon.
-        auto *daemon = new Daemon;
-        disconnect(daemon, &Daemon::startUploader, nullptr, nullptr);
-        QSignalSpy started(daemon, &Daemon::startUploader);
-        for (uint mask : QList<uint> { IN_CREATE, IN_CREATE | IN_ISDIR, IN_CLOSE_WRITE | IN_ISDIR,
-                 IN_Q_OVERFLOW, IN_IGNORED, 0 })
-            daemon->processFileEvent("a.pdf", mask);
-        QCOMPARE(started.size(), 0);
-        daemon->processFileEvent("caf\xe9.txt", IN_CLOSE_WRITE);
-        daemon->processFoundFile("b.brf");
-        QCOMPARE(started.size(), 2);
-        QCOMPARE(started.at(0).at(0).toByteArray(), QByteArray("/var/spool/lp/obex/caf\xe9.txt"));
-        QCOMPARE(started.at(1).at(0).toByteArray(), QByteArray("/var/spool/lp/obex/b.brf"));
+        SpoolHandover handover;
+        QCOMPARE(SpoolHandover::suffixOf(name), suffix);
+        QCOMPARE(handover.accepts(suffix), accepted);
     }
 
     void commandLine_data()
