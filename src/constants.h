@@ -6,7 +6,8 @@
 
 #include <QString>
 
-// Every bus name, object path, interface name and fixed file path of the daemon.
+// Every bus name, object path, interface name and fixed file path of the daemon and of the OBEX
+// receiver's agent.
 namespace Names {
 
 // Our own face on the system bus.
@@ -38,6 +39,18 @@ inline const QString FallbackHostname = QStringLiteral("QuorvaneEmbosser");
 // Received-file intake: the OBEX receiver writes into ReceiveDir, the print spooler reads SpoolDir.
 inline const QString ReceiveDir = QStringLiteral("/var/spool/lp/obex");
 inline const QString SpoolDir = QStringLiteral("/var/spool/lp/www");
+
+// The OBEX receiver: obexd on a session bus of its own asks bluetooth-agent-obex about each push,
+// which obexd writes into StagingDir; only whole documents are moved on into ReceiveDir. Inside
+// the receive folder, so that the move is a rename; the daemon takes no folder from it.
+inline const QString StagingDir = QStringLiteral("/var/spool/lp/obex/.incoming");
+inline const QString ObexService = QStringLiteral("org.bluez.obex");
+inline const QString ObexAgentManagerPath = QStringLiteral("/org/bluez/obex");
+inline const QString ObexAgentManagerInterface = QStringLiteral("org.bluez.obex.AgentManager1");
+inline const QString ObexTransferInterface = QStringLiteral("org.bluez.obex.Transfer1");
+inline const QString ObexAgentPath = QStringLiteral("/ObexAgent");
+inline const QString ObexRejectedError = QStringLiteral("org.bluez.obex.Error.Rejected");
+inline const QString ObexCanceledError = QStringLiteral("org.bluez.obex.Error.Canceled");
 
 } // namespace Names
 

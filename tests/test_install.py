@@ -52,6 +52,25 @@ def test_every_file_lands_where_the_readme_says(installed):
     assert os.access(installed / PREFIX.lstrip("/") / "libexec" / "bluetooth-agent", os.X_OK)
 
 
+def test_the_receivers_user_and_folders_come_up_without_a_word(installed, tmp_path):
+    # As at installation and at each boot: systemd-sysusers, then systemd-tmpfiles, in a new root.
+    for kind in ("sysusers.d", "tmpfiles.d"):
+        shutil.copytree(installed / PREFIX.lstrip("/") / "lib" / kind, tmp_path / "usr/lib" / kind)
+    (tmp_path / "etc").mkdir()
+    subprocess.run(["systemd-sysusers", f"--root={tmp_path}"], check=True, capture_output=True)
+    done = subprocess.run(["systemd-tmpfiles", "--create", f"--root={tmp_path}"],
+                          capture_output=True, text=True)
+    assert (done.returncode, done.stdout + done.stderr) == (0, "")
+    user = next(line.split(":") for line in open(tmp_path / "etc/passwd", encoding="utf-8")
+                if ":OBEX push receiver:/nonexistent:/usr/sbin/nologin" in line)
+    obex = (int(user[2]), int(user[3]))
+    assert 0 not in obex
+    made = {str(p.relative_to(tmp_path)): p.stat() for p in (tmp_path / "var/spool").rglob("*")}
+    assert {p: (s.st_mode & 0o7777, (s.st_uid, s.st_gid)) for p, s in made.items()} == {
+        "var/spool/lp": (0o755, (0, 0)), "var/spool/lp/www": (0o755, (0, 0)),
+        "var/spool/lp/obex": (0o750, obex), "var/spool/lp/obex/.incoming": (0o700, obex)}
+
+
 def agent_interface(xml_text):
     iface = ET.fromstring(xml_text).find("interface[@name='org.bluez.Agent1']")
     methods = {m.get("name"): [(a.get("name"), a.get("type"), a.get("direction", "in"))

@@ -3,13 +3,15 @@
 
 #include "command_line.h"
 #include "pairing_agent.h"
+#include "receive_folder.h"
 #include "signal_printer.h"
 #include "spool_handover.h"
 
 #include <QSignalSpy>
 #include <QtTest>
 
-// The daemon's and the control tool's rules that need no bus, no root and no files.
+// The daemon's, the control tool's and the OBEX agent's rules that need no bus, no root and no
+// files.
 class UnitsTest : public QObject
 {
     Q_OBJECT
@@ -97,6 +99,15 @@ private slots:
                  { "confirm", "maybe" }, { "pin" }, { "power", "half" }, { "discoverable" },
                  { "forget", "AA:BB:CC:DD:EE" }, { "devices", "extra" } })
             QVERIFY2(!parseCommandLine(args).error.isEmpty(), qPrintable(args.join(' ')));
+    }
+
+    // A phone's name names one file in the receive folder, and a numbered one still fits.
+    void pushedNamesStayOneFileName()
+    {
+        QCOMPARE(ReceiveFolder::safeName("../a/"), QString("unnamed"));
+        const QString longName = QString(250, 'x') + ".brf";
+        QCOMPARE(ReceiveFolder::candidate(longName, 0), longName.toUtf8());
+        QCOMPARE(ReceiveFolder::candidate(longName, 12), QByteArray(248, 'x') + "-12.brf");
     }
 };
 

@@ -346,11 +346,12 @@ def ctl_command():
 class Agent:
     """bluetooth-agent running in the sandbox on the private bus; its log goes to a file."""
 
-    def __init__(self, bus, sandbox, env=None):
+    def __init__(self, bus, sandbox, env=None, command=None):
+        """command: another of the project's programs to run in the sandbox instead."""
         self.log_path = os.path.join(sandbox.workdir, "bluetooth-agent.log")
         self.log_file = open(self.log_path, "ab")
         self.proc = subprocess.Popen(
-            sandbox.wrap(agent_command()), env=dict(bus.env, **(env or {})),
+            sandbox.wrap(command or agent_command()), env=dict(bus.env, **(env or {})),
             stdin=subprocess.DEVNULL, stdout=self.log_file, stderr=subprocess.STDOUT,
             start_new_session=True)
         self.pid = self.proc.pid
@@ -488,8 +489,8 @@ class World:
             self.stop()
             raise
 
-    def start_agent(self, wait=True, env=None):
-        self.agent = Agent(self.bus, self.sandbox, env)
+    def start_agent(self, wait=True, env=None, command=None):
+        self.agent = Agent(self.bus, self.sandbox, env, command)
         if wait:
             self.agent.wait_ready()
         return self.agent

@@ -1,0 +1,160 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
+"""bluetooth-agent-obex, the OBEX receiver's agent, against a simulated obexd on a private session
+bus, in the fixed-path sandbox: only a push that obexd reports complete, with its announced length,
+reaches the receive folder, by a rename that replaces nothing; everything else is removed. Its log
+lines carry the journal priority the unit gives them: pushes log nothing at warning or worse."""
+
+import os
+
+import dbus
+import dbus.service
+import pytest
+
+from simenv import Reply, program, wait_until
+
+TRANSFER = "org.bluez.obex.Transfer1"
+REJECTED = "org.bluez.obex.Error.Rejected"
+LOG = "<6>BluetoothObexAgent: "
+ROUTINE = [LOG + line for line in ("waiting for obexd", "registered with obexd", "push accepted:",
+                                   "published:", "dropped:", "push refused, it has no length:")]
+
+
+def unit_message_pattern():
+    """The unit's QT_MESSAGE_PATTERN: each line starts with its level's journal priority."""
+    unit = os.path.join(os.environ["BLUETOOTH_AGENT_BUILD_DIR"], "data",
+                        "bluetooth-agent-obex.service")
+    line = next(line for line in open(unit, encoding="utf-8") if "QT_MESSAGE_PATTERN=" in line)
+    return line.split("QT_MESSAGE_PATTERN=", 1)[1].rstrip('"\n').replace("%%", "%")
+
+
+def emit(conn, path, interface, member, signature, *args):
+    signal = dbus.lowlevel.SignalMessage(path, interface, member)
+    signal.append(*args, signature=signature)
+    conn.send_message(signal)
+
+
+class Transfer(dbus.service.Object):
+    def __init__(self, conn, path, properties):
+        super().__init__(conn, path)
+        self.path, self.properties = path, properties
+
+    @dbus.service.method(dbus.PROPERTIES_IFACE, in_signature="s", out_signature="a{sv}")
+    def GetAll(self, interface):
+        return self.properties
+
+
+class Obexd(dbus.service.Object):
+    """obexd as its agent meets it: the agent manager, a transfer object per push, AuthorizePush,
+    the file written where the agent said (create, write, close), then the transfer's Status."""
+
+    def __init__(self, bus, sandbox):
+        self.conn = bus.connect()
+        self.sandbox = sandbox
+        self.name = dbus.service.BusName("org.bluez.obex", self.conn)
+        super().__init__(self.conn, "/org/bluez/obex")
+        self.agent, self.count = None, 0
+
+    @dbus.service.method("org.bluez.obex.AgentManager1", in_signature="o", sender_keyword="sender")
+    def RegisterAgent(self, path, sender=None):
+        self.agent = self.conn.get_object(sender, path, introspect=False)
+
+    def authorize(self, name, size):
+        """A phone announces a push (size None: no Length); returns the transfer and the reply,
+        whose path is the staged file's as the test sees it."""
+        self.count += 1
+        properties = {"Name": name, "Status": "queued"}
+        if size is not None:
+            properties["Size"] = dbus.UInt64(size)
+        transfer = Transfer(self.conn, f"/org/bluez/obex/server/session1/transfer{self.count}",
+                            properties)
+        reply = Reply()
+        self.agent.AuthorizePush(dbus.ObjectPath(transfer.path), reply_handler=reply.ok,
+                                 error_handler=reply.fail, dbus_interface="org.bluez.obex.Agent1")
+        if reply.wait().values:
+            staged = reply.values[0]
+            assert os.path.dirname(staged) == "/var/spool/lp/obex/.incoming"
+            reply.values[0] = self.sandbox.spool + staged[len("/var/spool"):]
+        return transfer, reply
+
+    def vanish(self, transfer):
+        """The transfer object goes without a last Status."""
+        emit(self.conn, "/", "org.freedesktop.DBus.ObjectManager", "InterfacesRemoved", "oas",
+             transfer.path, [TRANSFER])
+
+    def push(self, name, data, status="complete", size=None, end=None):
+        """A whole push; returns its reply and the inode obexd wrote, once the agent is done.
+        end: how the transfer ends instead of a Status (after the file is written)."""
+        transfer, reply = self.authorize(name, len(data) if size is None else size)
+        if reply.error:
+            return reply, None
+        with open(reply.values[0], "wb") as f:
+            f.write(data)
+        inode = os.stat(reply.values[0]).st_ino
+        if end:
+            end(transfer)
+        else:
+            emit(self.conn, transfer.path, dbus.PROPERTIES_IFACE, "PropertiesChanged", "sa{sv}as",
+                 TRANSFER, {"Status": status}, dbus.Array([], signature="s"))
+        wait_until(lambda: not os.path.exists(reply.values[0]), what="the agent's decision")
+        return reply, inode
+
+
+def start_agent(world, prefix=()):
+    return world.start_agent(wait=False, command=[*prefix, *program("BLUETOOTH_AGENT_OBEX")],
+                             env={"DBUS_SESSION_BUS_ADDRESS": world.bus.address,
+                                  "QT_MESSAGE_PATTERN": unit_message_pattern()})
+
+
+@pytest.fixture
+def world(make_world):
+    """The agent waiting for obexd with a leftover in staging, then obexd and its agent."""
+    world = make_world(with_bluez=False)
+    world.staging = os.path.join(world.sandbox.obex, ".incoming")
+    os.mkdir(world.staging)
+    open(os.path.join(world.staging, "push-leftover"), "wb").close()
+    agent = start_agent(world).expect(*ROUTINE, LOG + "removed unfinished pushes")
+    wait_until(lambda: "waiting for obexd" in agent.log(), what="the agent waiting for obexd")
+    world.obexd = Obexd(world.bus, world.sandbox)
+    wait_until(lambda: world.obexd.agent, what="RegisterAgent")
+    return world
+
+
+def received(world):
+    return {name: open(os.path.join(world.sandbox.obex, name), "rb").read()
+            for name in os.listdir(world.sandbox.obex) if name != ".incoming"}
+
+
+def test_whole_documents_are_moved_in_under_a_name_that_replaces_nothing(world):
+    assert os.listdir(world.staging) == []
+    names = ["letter.brf", "letter.brf", "../../etc/letter.brf", "notes", "notes", ".."]
+    inodes = [world.obexd.push(name, b"%d" % i)[1] for i, name in enumerate(names)]
+    assert received(world) == {"letter.brf": b"0", "letter-1.brf": b"1", "letter-2.brf": b"2",
+                               "notes": b"3", "notes-1": b"4", "unnamed": b"5"}
+    published = ["letter.brf", "letter-1.brf", "letter-2.brf", "notes", "notes-1", "unnamed"]
+    assert inodes == [os.stat(os.path.join(world.sandbox.obex, n)).st_ino for n in published]
+    assert os.listdir(world.staging) == []
+
+
+def test_broken_off_short_lengthless_and_cancelled_pushes_leave_nothing(world):
+    obexd = world.obexd
+    assert obexd.push("error.brf", b"partial", status="error")[0].error is None
+    assert obexd.push("short.brf", b"partial", size=1 << 20)[0].error is None
+    assert obexd.push("gone.brf", b"partial", end=obexd.vanish)[0].error is None
+    _, reply = obexd.authorize("no-length.brf", None)
+    assert (reply.error, os.listdir(world.staging)) == (REJECTED, [])
+    _, reply = obexd.authorize("cancelled.brf", 10)
+    obexd.agent.Cancel(dbus_interface="org.bluez.obex.Agent1")
+    wait_until(lambda: not os.path.exists(reply.values[0]), what="the cancelled push removed")
+    assert received(world) == {} and os.listdir(world.staging) == []
+
+
+def test_the_agent_ends_when_obexd_goes(world, make_world):
+    world.agent.expect("<4>BluetoothObexAgent: obexd left the session bus")
+    world.obexd.conn.close()
+    assert world.agent.wait_exit() == 1
+    # obexd is the agent's child under the receiver's start script: its end ends the agent too.
+    orphan = make_world(with_bluez=False)
+    agent = start_agent(orphan, ["sh", "-c", 'true & exec "$@"', "sh"])
+    agent.expect(LOG + "waiting for obexd", "<4>BluetoothObexAgent: obexd (process")
+    assert agent.wait_exit() == 1
