@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "daemon.h"
+#include "logging.h"
 
 #include <QCoreApplication>
 #include <QTextCodec>
@@ -14,6 +15,7 @@ int main(int argc, char *argv[])
     // A writer that opens a received file while the daemon holds a lease on it raises SIGIO,
     // whose default would end the daemon: the lease itself tells the daemon what it needs.
     std::signal(SIGIO, SIG_IGN);
+    installJournalPriorities();
     int exitCode = -1;
     {
         QCoreApplication app(argc, argv);
