@@ -132,11 +132,9 @@ void AgentAdaptor::setPower(bool state)
 
 void AgentAdaptor::forgetDevice(const QString &btaddr)
 {
-    QString devicePart = btaddr;
-    devicePart.replace(QLatin1Char(':'), QLatin1Char('_'));
     // A text that makes no valid object path gives an empty one (Qt warns); BlueZ then
     // refuses the call, which is ignored like any other answer to it.
-    const QDBusObjectPath device(Names::DevicePathPrefix + devicePart);
+    const QDBusObjectPath device(PairingAgent::pathFromAddress(btaddr));
     const QDBusPendingCall call = adapter->removeDevice(device);
     whenFinished(call, this, [this, device](const QDBusPendingCall &done) {
         // BlueZ announces the removal only after it answered: the fresh list must not wait.

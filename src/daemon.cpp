@@ -7,6 +7,7 @@
 #include "agent_adaptor.h"
 #include "bluez_setup.h"
 #include "constants.h"
+#include "dbus_types.h"
 #include "file_uploader.h"
 #include "filemonitor.h"
 #include "logging.h"
@@ -26,7 +27,7 @@ QString getHostname()
         return Names::FallbackHostname;
     }
     // Not trimmed: the line feed stays part of the name. A NUL byte ends it.
-    const QString name = QString::fromUtf8(file.readLine().constData());
+    const QString name = textUpToNul(file.readLine());
     return name.isEmpty() ? Names::FallbackHostname : name;
 }
 

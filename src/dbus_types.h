@@ -19,11 +19,9 @@
 using InterfaceList = QMap<QString, QVariantMap>; // a{sa{sv}}
 using ManagedObjectList = QMap<QDBusObjectPath, InterfaceList>; // a{oa{sa{sv}}}
 
-// BlueZ names are UTF-8 text; a NUL byte ends them.
-inline QString textUpToNul(const QVariant &value)
-{
-    return QString::fromUtf8(value.toByteArray().constData());
-}
+// Names from BlueZ and the host name are UTF-8 text; a NUL byte ends them.
+inline QString textUpToNul(const QByteArray &bytes) { return QString::fromUtf8(bytes.constData()); }
+inline QString textUpToNul(const QVariant &value) { return textUpToNul(value.toByteArray()); }
 
 // The value of a Properties Get; a failed one is an invalid QVariant (false, empty text).
 inline QVariant propertyValue(const QDBusPendingCall &call)

@@ -286,3 +286,8 @@ QString PairingAgent::addressFromPath(const QString &path)
     const int slash = path.lastIndexOf(QLatin1Char('/'));
     return path.mid(slash + 5).replace(QLatin1Char('_'), QLatin1Char(':'));
 }
+
+QString PairingAgent::pathFromAddress(const QString &address)
+{
+    return Names::DevicePathPrefix + QString(address).replace(QLatin1Char(':'), QLatin1Char('_'));
+}

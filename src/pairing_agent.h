@@ -34,6 +34,8 @@ public:
     // The address in a BlueZ device path: what follows "/dev_" after the last "/", with ":" for
     // "_" (…/dev_00_11_22_33_44_55 gives 00:11:22:33:44:55).
     static QString addressFromPath(const QString &path);
+    // The other way round, for hci0: 00:11:22:33:44:55 gives …/hci0/dev_00_11_22_33_44_55.
+    static QString pathFromAddress(const QString &address);
 
     // BlueZ left the bus: its pending question can no longer be answered and its devices are
     // gone.

@@ -14,10 +14,9 @@ import sys
 import time
 
 import dbus
-import dbus.mainloop.glib
 from gi.repository import GLib
 
-SERVICE, PATH, IFACE = "com.quorvane.BluetoothAgent", "/BluetoothAgent", "org.bluez.Agent1"
+from simenv import AGENT_IFACE as IFACE, AGENT_PATH as PATH, AGENT_SERVICE as SERVICE
 PHONE = dbus.ObjectPath("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01")
 
 SAMPLE_ARGS = {
@@ -48,7 +47,6 @@ def call(conn, method):
 
 
 def main():
-    dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
     address, command, *args = sys.argv[1:]
     conn = dbus.bus.BusConnection(address)
     if command == "call":

@@ -9,7 +9,7 @@ import os
 import dbus
 import pytest
 
-from simenv import ADAPTER_PATH, DEVICE_IFACE, pump
+from simenv import ADAPTER_IFACE, ADAPTER_PATH, DEVICE_IFACE, pump
 
 PHONE = "AA:BB:CC:DD:EE:01"
 PHONE_PATH = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01"
@@ -49,7 +49,7 @@ def test_devices_report_their_state_when_announced_and_at_every_change(world, ui
     # Nothing to report: an empty change, a name no BlueZ property has, another object's change.
     world.bluez.emit_changed(PHONE_PATH, DEVICE_IFACE, {})
     world.bluez.emit_changed(PHONE_PATH, DEVICE_IFACE, {'"Connected"': True})
-    world.bluez.emit_changed(ADAPTER_PATH, "org.bluez.Adapter1", {"Powered": True})
+    world.bluez.emit_changed(ADAPTER_PATH, ADAPTER_IFACE, {"Powered": True})
     pump(0.3)
     assert len(ui.received("ConnectionStatus")) == len(changes) + 1
 
@@ -99,7 +99,7 @@ def test_devices_that_come_and_go_in_thousands(world, ui):
             reports[0] += 2 if i % 70 == 0 else 1
             if i % 10:
                 bluez.obj(ADAPTER_PATH).RemoveDevice(dbus.ObjectPath(path),
-                                                     dbus_interface="org.bluez.Adapter1")
+                                                     dbus_interface=ADAPTER_IFACE)
             elif i % 70 == 0:
                 kept[alias] = address
         ui.wait_signal("ConnectionStatus", reports[0], timeout=120)

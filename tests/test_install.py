@@ -96,9 +96,10 @@ def guarded(make_world, installed, tmp_path):
     gid, launcher = simenv.ui_group(UI_GROUP, tmp_path)
     policy_dir = installed / PREFIX.lstrip("/") / "share" / "dbus-1" / "system.d"
     world = make_world(bus_config=simenv.guarded_bus_config(policy_dir), bus_launcher=launcher)
-    # Other users must reach the bus socket and the caller script.
     os.chmod(world.workdir, 0o755)
+    # Other users must reach the bus socket and the caller script, with the names it imports.
     shutil.copy(os.path.join(HERE, "bus_peer.py"), world.workdir)
+    shutil.copy(simenv.__file__, world.workdir)
     world.ui_gid = gid
     world.start_agent()
     return world

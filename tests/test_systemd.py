@@ -17,8 +17,7 @@ from container import Container  # noqa: E402
 
 if os.environ.get("BLUETOOTH_AGENT_IN_CHROOT"):
     pytest.skip("systemd-nspawn does not boot a container inside the chroot of "
-                "scripts/test-fresh-root; this group runs on the machine itself",
-                allow_module_level=True)
+                "scripts/test-fresh-root", allow_module_level=True)
 
 
 SCRIPTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts")
