@@ -45,7 +45,8 @@ void AgentAdaptor::DisplayPinCode(
     const QDBusObjectPath &device, const QString &pincode, const QDBusMessage &msg)
 {
     // "DisplayPincode" names no method of the agent: Qt warns, a shown PIN goes nowhere and BlueZ
-    // gets its empty reply. See "Deliberate behaviours" in the README before changing it.
+    // gets its empty reply. See the deliberate behaviours in
+    // data/com.quorvane.BluetoothAgent.md before changing it.
     QMetaObject::invokeMethod(parent(), "DisplayPincode", Qt::AutoConnection,
         Q_ARG(QDBusObjectPath, device), Q_ARG(QString, pincode), Q_ARG(QDBusMessage, msg));
 }

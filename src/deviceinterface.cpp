@@ -28,7 +28,7 @@ void DeviceInterface::PropertiesChanged(const QString &interface, const QVariant
         return;
     const auto first = changed.constBegin();
     // No BlueZ property name has quotes, so every change is reported, with the first changed
-    // value (in name order) as the status: see "Deliberate behaviours" in the README.
+    // value (in name order) as the status: see data/com.quorvane.BluetoothAgent.md.
     if (first.key() == QLatin1String("\"Connected\""))
         return;
     emit DeviceConnected(mAlias, first.value().toBool());

@@ -191,7 +191,7 @@ void PairingAgent::RequestAuthorization(const QDBusObjectPath &device, const QDB
 {
     Q_UNUSED(msg)
     // Granted without asking: the automatic empty reply accepts the call ("Deliberate behaviours"
-    // and the security note in the README).
+    // and the security note in data/com.quorvane.BluetoothAgent.md).
     qCCritical(lcPairingAgent) << "pairing_agent::RequestAuthorization " << device.path();
 }
 

@@ -142,7 +142,7 @@ bool removeSource(const QByteArray &path, int fd, const FileStamp &taken, bool l
 
 SpoolHandover::SpoolHandover()
     : mUploadDir(Names::SpoolDir)
-    // Backslashes and quotes included: see the README's deliberate behaviours.
+    // Backslashes and quotes included: see data/com.quorvane.BluetoothAgent.md.
     , mFilePrefix(QStringLiteral("\\\"bluetooth-agent\\\""))
     , mAcceptedSuffixes({ QStringLiteral(".pdf"), QStringLiteral(".doc"), QStringLiteral(".docx"),
           QStringLiteral(".rtf"), QStringLiteral(".txt"), QStringLiteral(".brf"),

@@ -14,7 +14,7 @@ sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "tools"))
 import simenv  # noqa: E402
 
 # The one line the daemon writes on purpose without being asked: the agent's forward of a shown
-# PIN names no method (README, "Deliberate behaviours").
+# PIN names no method (data/com.quorvane.BluetoothAgent.md).
 ALLOWED = ["QMetaObject::invokeMethod: No such method PairingAgent::DisplayPincode",
            "Candidates are:", "DisplayPinCode(QDBusObjectPath,QString,QDBusMessage)"]
 
