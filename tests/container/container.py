@@ -4,9 +4,11 @@
 package installed and a simulated bluetoothd as bluetooth.service: the daemon's unit as it runs
 on a board.
 
-Needs root and the cache that container-root beside it prepares. Run with /usr/bin/python3.
+Needs root; the root and systemd-nspawn are made once and kept with the other Debian roots
+(../debian-root). Run with /usr/bin/python3.
 """
 
+import glob
 import os
 import shutil
 import subprocess
@@ -32,11 +34,25 @@ BLUEZ_POLICY = """<busconfig>
 """
 
 
+def root_and_nspawn():
+    """The container's root as a tar file, and Debian's systemd-nspawn unpacked beside it (used
+    without being installed)."""
+    root_tar = subprocess.run(
+        [os.path.join(HERE, "..", "debian-root"), "container-root-bookworm", "tar", "systemd",
+         "systemd-sysv", "dbus", "libqt5dbus5", "python3-dbusmock", "python3-dbus", "python3-gi"],
+        check=True, stdout=subprocess.PIPE, text=True).stdout.strip()
+    unpacked = os.path.join(os.path.dirname(root_tar), "systemd-container")
+    if not os.path.exists(f"{unpacked}/usr/bin/systemd-nspawn"):
+        with tempfile.TemporaryDirectory() as download:
+            subprocess.run(["apt-get", "download", "-q", "systemd-container"], cwd=download,
+                           check=True, capture_output=True)
+            subprocess.run(["dpkg", "-x", *glob.glob(f"{download}/*.deb"), unpacked], check=True)
+    return root_tar, f"{unpacked}/usr/bin/systemd-nspawn"
+
+
 class Container:
     def __init__(self, package, adapter_delay=0):
-        out = subprocess.run([os.path.join(HERE, "container-root")], check=True,
-                             capture_output=True, text=True).stdout.split()
-        root_tar, self.nspawn = out[-2], out[-1]
+        root_tar, self.nspawn = root_and_nspawn()
         self.dir = tempfile.mkdtemp(prefix="bluetooth-agent-container-", dir="/var/tmp")
         self.root = os.path.join(self.dir, "root")
         self.proc = self.leader = None

@@ -1,0 +1,97 @@
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
+"""The host side of every guest test: a Debian 12 guest under qemu (software emulation on two
+virtual CPUs, niced, so that the host's other work goes on), booted from a snapshot of the image
+that ../debian-root keeps, which also has what a guest needs to boot as the board does: systemd,
+and all the project's package needs to be installed offline. The guest finds its root on
+/dev/vda, its inputs on /dev/vdb and a disk for its results on /dev/vdc (tar streams both)."""
+
+import os
+import shutil
+import subprocess
+import tarfile
+import threading
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+TOP = os.path.dirname(os.path.dirname(HERE))
+PACKAGES = ("linux-image-amd64 initramfs-tools kmod udev systemd systemd-sysv dbus adduser bluez "
+            "bluez-obexd bluez-test-tools libqt5core5a libqt5dbus5 python3-dbus python3-gi "
+            "e2fsprogs").split()
+
+
+def image():
+    """The image, its kernel and its initrd, made the first time (about 5 minutes)."""
+    need = subprocess.run([f"{TOP}/scripts/install-deps", "qemu-system-x86"], capture_output=True,
+                          text=True)
+    if need.returncode != 0:
+        raise RuntimeError(f"qemu cannot be installed here:\n{need.stdout}{need.stderr}")
+    path = subprocess.run([f"{TOP}/tests/debian-root", "guest-bookworm-systemd", "ext4",
+                           *PACKAGES], check=True, stdout=subprocess.PIPE, text=True).stdout
+    return [path.strip().replace(".ext4", suffix) for suffix in (".ext4", ".vmlinuz", ".initrd")]
+
+
+def programs(build, scenario):
+    """The inputs of a shell-init guest that runs the script scenario with the build's programs
+    and the in-guest library."""
+    return {"bluetooth-agent": f"{build}/src/bluetooth-agent",
+            "bluetooth-agentctl": f"{build}/ctl/bluetooth-agentctl",
+            "com.quorvane.BluetoothAgent.conf": f"{build}/data/com.quorvane.BluetoothAgent.conf",
+            "init": f"{HERE}/init", "board.py": f"{HERE}/board.py", "guest.py": f"{HERE}/guest.py",
+            "simenv.py": f"{TOP}/tools/simenv.py", "scenario.py": scenario}
+
+
+class Guest:
+    """The boots of one guest; in workdir, console.log (of every boot), and results (of the last
+    boot that ended)."""
+
+    def __init__(self, workdir):
+        self.workdir, self.qemu, self.cut_at = str(workdir), None, None
+
+    def boot(self, inputs, disks=(), init="/sbin/guest-boot", timeout=1200, on_line=None):
+        """Boots the guest and waits for its end. inputs: name -> path; disks: extra raw disks as
+        (path, snapshot) pairs (one that is no snapshot keeps what reached it, qemu's default
+        cache=writeback playing the disk's cache); init: the kernel's init (the default runs the
+        inputs' init; None boots systemd). Each console line goes to on_line as it comes, which
+        may call cut(). Returns the guest's results (name -> bytes), none if it was cut."""
+        root, kernel, initrd = image()
+        with tarfile.open(f"{self.workdir}/inputs.tar", "w") as tar:
+            for name, path in inputs.items():
+                tar.add(path, arcname=name)
+        results = f"{self.workdir}/results.img"
+        with open(results, "wb") as f:
+            f.truncate(256 << 20)
+        command = ["nice", "-n", "10", "qemu-system-x86_64", "-machine", "q35", "-accel",
+                   "tcg,thread=multi", "-cpu", "max", "-m", "1024", "-smp", "2", "-nographic",
+                   "-no-reboot", "-net", "none", "-kernel", kernel, "-initrd", initrd, "-append",
+                   "root=/dev/vda rw console=ttyS0 panic=-1 quiet" + f" init={init}" * bool(init)]
+        for path, snapshot in ((root, True), (f"{self.workdir}/inputs.tar", True),
+                               (results, False), *disks):
+            command += ["-drive", f"file={path},format=raw,if=virtio" + ",snapshot=on" * snapshot]
+        self.cut_at = None
+        self.qemu = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                     stderr=subprocess.STDOUT)
+        watchdog = threading.Timer(timeout, self.qemu.kill)
+        watchdog.start()
+        with open(f"{self.workdir}/console.log", "ab") as console:
+            for line in self.qemu.stdout:
+                console.write(line)
+                if on_line:
+                    on_line(line.decode("utf-8", "replace").rstrip("\r\n"))
+        self.qemu.wait()
+        if not watchdog.is_alive():
+            raise TimeoutError(f"the guest did not end within {timeout} s: {self.workdir}")
+        watchdog.cancel()
+        if self.cut_at is not None:
+            return {}
+        kept = f"{self.workdir}/results"
+        shutil.rmtree(kept, ignore_errors=True)
+        os.mkdir(kept)
+        with tarfile.open(results) as tar:  # empty if the guest never got as far
+            tar.extractall(kept)
+        return {name: open(f"{kept}/{name}", "rb").read() for name in os.listdir(kept)}
+
+    def cut(self, after=0.0):
+        """Cuts the guest's power (qemu killed with SIGKILL) that many seconds from now: what it
+        had not handed to its disks is lost."""
+        self.cut_at = after
+        threading.Timer(after, self.qemu.kill).start()
