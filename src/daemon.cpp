@@ -36,7 +36,10 @@ Daemon::Daemon()
 {
     uploader->moveToThread(&uploaderThread);
     connect(&uploaderThread, &QThread::finished, uploader, &QObject::deleteLater);
-    connect(this, &Daemon::startMonitor, uploader, &FileUploader::start);
+    // Half copies are gone before the first document can be taken, and before the daemon
+    // counts as started (its watch on the receive folder).
+    connect(
+        this, &Daemon::startMonitor, uploader, &FileUploader::start, Qt::BlockingQueuedConnection);
     connect(uploader, &FileUploader::uploadDone, this, &Daemon::uploaderDone);
     connect(uploader, &FileUploader::error, this, &Daemon::uploadError);
     uploaderThread.start(QThread::InheritPriority);

@@ -18,7 +18,7 @@ import dbus
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-from simenv import ADAPTER_IFACE, AGENT_SERVICE, Client, unwrap, wait_until  # noqa: E402
+from simenv import ADAPTER_IFACE, Client, unwrap, wait_until, watching  # noqa: E402
 
 RESULTS, RECEIVE, SPOOL = "/run/results", "/var/spool/lp/obex", "/var/spool/lp/www"
 EMBOSSER, PHONE = "/org/bluez/hci0", "/org/bluez/hci1"
@@ -78,7 +78,8 @@ class Board:
 
     def start_agent(self, **how):
         self.start("agent", **how)
-        wait_until(lambda: self.bus.name_has_owner(AGENT_SERVICE), 60, "bluetooth-agent")
+        # Ready once its start-up ended with the watch on the receive folder.
+        wait_until(lambda: watching(self.procs["agent"].pid), 60, "bluetooth-agent")
 
     def obj(self, path):
         return self.bus.get_object("org.bluez", path, introspect=False)
@@ -100,6 +101,11 @@ class Board:
         data. Returns the transfer's last status: complete, error, or still under way."""
         with open(f"/tmp/{name}", "wb") as f:
             f.write(data)
+        # obexd 5.66 itself sometimes dies of a dropped link; on a board its unit restarts it.
+        if self.procs["obexd"].poll() is not None:
+            self.observations.setdefault("receiver_restarts", []).append(name)
+            self.start("obexd")
+            time.sleep(2)  # its profile registered before the phone's obexd offers one too
         bus = subprocess.Popen(["dbus-daemon", "--session", "--nofork", "--print-address=1"],
                                stdout=subprocess.PIPE, text=True)
         address = bus.stdout.readline().strip()
