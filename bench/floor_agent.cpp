@@ -2,7 +2,9 @@
 // SPDX-License-Identifier: MIT
 
 // The floor for the pairing relay: a minimal Qt agent that only defers BlueZ's question,
-// signals it to the user interface and replies with the answer.
+// signals it to the user interface and replies with the answer. For the load it is measured
+// under, it also passes on each of BlueZ's property changes and answers the device list (with
+// an empty one: it keeps none).
 
 #include "constants.h"
 
@@ -37,8 +39,15 @@ public slots:
                 : pending.createErrorReply(Names::RejectedError, Names::RejectedMessage));
     }
 
+    void getDevices() { emit BluetoothDevices(QVariantMap()); }
+
 signals:
     void RequestUserConfirmation(uint passkey);
+    void ConnectionStatus(const QString &device, bool status);
+    void BluetoothDevices(const QVariantMap &devs);
+
+private slots:
+    void propertiesChanged(const QDBusMessage &msg) { emit ConnectionStatus(msg.path(), true); }
 
 private:
     QDBusMessage pending;
@@ -48,10 +57,12 @@ int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
     QObject agent;
-    new FloorAgent(&agent);
+    auto *adaptor = new FloorAgent(&agent);
     QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.registerObject(Names::AgentPath, &agent) || !bus.registerService(Names::AgentService))
         return 1;
+    bus.connect(Names::BluezService, QString(), Names::PropertiesInterface,
+        QStringLiteral("PropertiesChanged"), adaptor, SLOT(propertiesChanged(QDBusMessage)));
     return app.exec();
 }
 
