@@ -35,6 +35,8 @@ FileUploader::FileUploader()
     , mRetryDelay(FirstRetry)
 {
     mSettleTimer.setSingleShot(true);
+    // A coarse timer may fire some 5% late: a document would wait 263 ms instead of 250.
+    mSettleTimer.setTimerType(Qt::PreciseTimer);
     mRetryTimer.setSingleShot(true);
     connect(&mSettleTimer, &QTimer::timeout, this, &FileUploader::settleDue);
     connect(&mRetryTimer, &QTimer::timeout, this, [this] { retryWaiting(true); });
@@ -129,6 +131,9 @@ void FileUploader::take(const QByteArray &name, const FileStamp &settled)
     case Outcome::Spooled:
         mWaiting.remove(name);
         emit uploadDone(QString::fromUtf8(name));
+        // Closing the removed file frees its pages, which may take milliseconds: not before the
+        // document is announced.
+        mHandover.release();
         break;
     case Outcome::Gone:
         mWaiting.remove(name);

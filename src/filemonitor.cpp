@@ -96,8 +96,9 @@ void FileMonitor::handleEvent(int wd, uint mask, const QByteArray &name)
         // Hidden entries are copies still being written: they make no room in the spool.
         if (name.startsWith('.') && !(mask & watchGone))
             return;
-        // A folder went, came or moved, or a job left the spool.
-        refresh();
+        // A folder went, came or moved; a job that left the spool changes no folder.
+        if (wd != mSpoolWatch || (mask & watchGone))
+            refresh();
         emit spoolChanged();
     }
 }
@@ -114,7 +115,9 @@ void FileMonitor::refresh()
     };
     for (const QByteArray &dir : foldersAbove(receiveDir) + foldersAbove(spoolDir))
         watch(dir, pathMask);
-    watch(spoolDir, spoolMask);
+    mSpoolWatch = inotify_add_watch(mInotifyFd, spoolDir.constData(), spoolMask);
+    if (mSpoolWatch != -1)
+        others.insert(mSpoolWatch);
 
     // The receive folder now at the fixed path; a symbolic link root made is followed.
     struct stat st;

@@ -47,6 +47,7 @@ private:
     // The spool folder and every folder above the two: whatever changes there may put another
     // folder at a fixed path, or make room in the spool.
     QSet<int> mOtherWatches;
+    int mSpoolWatch = -1;
 };
 
 #endif // FILEMONITOR_H

@@ -146,9 +146,10 @@ void PairingAgent::Release() { qCCritical(lcPairingAgent) << "pairing_agent::Rel
 
 QString PairingAgent::RequestPinCode(const QDBusObjectPath &device, const QDBusMessage &msg)
 {
-    qCCritical(lcPairingAgent) << "pairing_agent::RequestPinCode " << device.path();
     deferReply(msg);
     emit RequestUserPin();
+    qCCritical(lcPairingAgent) << "pairing_agent::RequestPinCode " << device.path();
+    handBack(msg);
     // Never sent: the reply waits for userSuppliedPin().
     return QStringLiteral("");
 }
@@ -181,10 +182,11 @@ void PairingAgent::DisplayPasskey(
 void PairingAgent::RequestConfirmation(
     const QDBusObjectPath &device, uint passkey, const QDBusMessage &msg)
 {
-    qCCritical(lcPairingAgent) << "pairing_agent::RequestConfirmation " << device.path() << " "
-                               << passkey;
     deferReply(msg);
     emit RequestUserConfirmation(passkey);
+    qCCritical(lcPairingAgent) << "pairing_agent::RequestConfirmation " << device.path() << " "
+                               << passkey;
+    handBack(msg);
 }
 
 void PairingAgent::RequestAuthorization(const QDBusObjectPath &device, const QDBusMessage &msg)
@@ -237,7 +239,12 @@ void PairingAgent::deferReply(const QDBusMessage &msg)
     pendingMessage = msg;
     // Shared with the stored copy, so Qt D-Bus leaves the call unanswered on return.
     msg.setDelayedReply(true);
-    // Hands the call back to its sender as a one-way message; the result does not matter.
+}
+
+void PairingAgent::handBack(const QDBusMessage &msg)
+{
+    // Hands the call back to its sender as a one-way message; the result does not matter. Only
+    // after the user interface was asked: the question is what someone waits for.
     QDBusConnection::systemBus().send(msg);
 }
 

@@ -80,6 +80,7 @@ public slots:
 
 private:
     void deferReply(const QDBusMessage &msg);
+    void handBack(const QDBusMessage &msg);
     void answerPending(bool confirm, const QVariant &value);
     void rejectAtOnce(const QDBusMessage &msg);
     void interfaceAdded(const QDBusObjectPath &path, const InterfaceList &interfaces);

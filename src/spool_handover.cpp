@@ -17,6 +17,7 @@
 #include <sys/ioctl.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -33,7 +34,8 @@ struct Descriptor
     }
     Descriptor(const Descriptor &) = delete;
     Descriptor &operator=(const Descriptor &) = delete;
-    const int fd;
+    int release() { return std::exchange(fd, -1); }
+    int fd;
 };
 
 // Whether the daemon may take the file: it can read it and may remove it afterwards (not
@@ -173,7 +175,7 @@ SpoolHandover::Result SpoolHandover::take(const QByteArray &name, const FileStam
     const QByteArray path = Names::ReceiveDir.toLocal8Bit() + '/' + name;
     // Read-only, so that taking a file makes no close event of its own; never through a link,
     // never waiting for a pipe's writer, never creating anything.
-    const Descriptor source(
+    Descriptor source(
         open(path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (source.fd == -1 && errno == ENOENT)
         return { Outcome::Gone, {}, {} };
@@ -199,7 +201,16 @@ SpoolHandover::Result SpoolHandover::take(const QByteArray &name, const FileStam
         removeSource(path, source.fd, taken, false);
         return { Outcome::Refused, QStringLiteral("wrong file type"), {} };
     }
-    return copyToSpool(source.fd, path, taken, leased, suffix);
+    const Result result = copyToSpool(source.fd, path, taken, leased, suffix);
+    if (result.outcome == Outcome::Spooled)
+        mTaken = source.release();
+    return result;
+}
+
+void SpoolHandover::release()
+{
+    if (mTaken != -1)
+        ::close(std::exchange(mTaken, -1));
 }
 
 SpoolHandover::Result SpoolHandover::copyToSpool(int source, const QByteArray &path,

@@ -37,6 +37,8 @@ public:
     // name: a file of the receive folder, as the folder's bytes name it; settled: the version
     // that is to be taken.
     Result take(const QByteArray &name, const FileStamp &settled);
+    // Closes the file last spooled, which take() leaves open so that it can be announced first.
+    void release();
 
     // Hidden copies that a power cut or a crash left half-written in the spool.
     void removeHiddenCopies() const;
@@ -56,6 +58,7 @@ private:
     QString mFilePrefix;
     QStringList mAcceptedSuffixes;
     quint32 mCounter = 0;
+    int mTaken = -1;
 };
 
 #endif // SPOOL_HANDOVER_H
