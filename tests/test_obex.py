@@ -77,25 +77,21 @@ class Obexd(dbus.service.Object):
             reply.values[0] = self.sandbox.spool + staged[len("/var/spool"):]
         return transfer, reply
 
-    def vanish(self, transfer):
-        """The transfer object goes without a last Status."""
-        emit(self.conn, "/", "org.freedesktop.DBus.ObjectManager", "InterfacesRemoved", "oas",
-             transfer.path, [TRANSFER])
-
-    def push(self, name, data, status="complete", size=None, end=None):
+    def push(self, name, data, status="complete", size=None):
         """A whole push; returns its reply and the inode obexd wrote, once the agent is done.
-        end: how the transfer ends instead of a Status (after the file is written)."""
+        status None: the transfer object goes without a last Status."""
         transfer, reply = self.authorize(name, len(data) if size is None else size)
         if reply.error:
             return reply, None
         with open(reply.values[0], "wb") as f:
             f.write(data)
         inode = os.stat(reply.values[0]).st_ino
-        if end:
-            end(transfer)
-        else:
+        if status:
             emit(self.conn, transfer.path, dbus.PROPERTIES_IFACE, "PropertiesChanged", "sa{sv}as",
                  TRANSFER, {"Status": status}, dbus.Array([], signature="s"))
+        else:
+            emit(self.conn, "/", "org.freedesktop.DBus.ObjectManager", "InterfacesRemoved",
+                 "oas", transfer.path, [TRANSFER])
         wait_until(lambda: not os.path.exists(reply.values[0]), what="the agent's decision")
         return reply, inode
 
@@ -138,9 +134,9 @@ def test_whole_documents_are_moved_in_under_a_name_that_replaces_nothing(world):
 
 def test_broken_off_short_lengthless_and_cancelled_pushes_leave_nothing(world):
     obexd = world.obexd
-    assert obexd.push("error.brf", b"partial", status="error")[0].error is None
-    assert obexd.push("short.brf", b"partial", size=1 << 20)[0].error is None
-    assert obexd.push("gone.brf", b"partial", end=obexd.vanish)[0].error is None
+    for name, how in [("error.brf", {"status": "error"}), ("short.brf", {"size": 1 << 20}),
+                      ("gone.brf", {"status": None})]:
+        assert obexd.push(name, b"partial", **how)[0].error is None
     _, reply = obexd.authorize("no-length.brf", None)
     assert (reply.error, os.listdir(world.staging)) == (REJECTED, [])
     _, reply = obexd.authorize("cancelled.brf", 10)
