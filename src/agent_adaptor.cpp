@@ -123,12 +123,11 @@ bool AgentAdaptor::getPower()
 
 void AgentAdaptor::setPower(bool state)
 {
-    const QDBusPendingCall call = adapter->set(QStringLiteral("Powered"), QVariant(state));
-    whenFinished(call, this, [this, state](const QDBusPendingCall &done) {
-        if (!done.isError())
-            emit PowerStateChanged(state);
-    });
-    replyWhenDone(call);
+    replyWhenDone(adapter->set(QStringLiteral("Powered"), QVariant(state)),
+        [this, state](const QDBusPendingCall &done) {
+            if (!done.isError())
+                emit PowerStateChanged(state);
+        });
 }
 
 void AgentAdaptor::forgetDevice(const QString &btaddr)
@@ -136,14 +135,12 @@ void AgentAdaptor::forgetDevice(const QString &btaddr)
     // A text that makes no valid object path gives an empty one (Qt warns); BlueZ then
     // refuses the call, which is ignored like any other answer to it.
     const QDBusObjectPath device(PairingAgent::pathFromAddress(btaddr));
-    const QDBusPendingCall call = adapter->removeDevice(device);
-    whenFinished(call, this, [this, device](const QDBusPendingCall &done) {
+    replyWhenDone(adapter->removeDevice(device), [this, device](const QDBusPendingCall &done) {
         // BlueZ announces the removal only after it answered: the fresh list must not wait.
         if (!done.isError())
             static_cast<PairingAgent *>(parent())->deviceRemoved(device.path());
         getDevices();
     });
-    replyWhenDone(call);
 }
 
 QDBusMessage AgentAdaptor::deferredCall() const
@@ -154,11 +151,15 @@ QDBusMessage AgentAdaptor::deferredCall() const
     return agent->message();
 }
 
-void AgentAdaptor::replyWhenDone(const QDBusPendingCall &call)
+void AgentAdaptor::replyWhenDone(
+    const QDBusPendingCall &call, const std::function<void(const QDBusPendingCall &)> &first)
 {
     const QDBusMessage msg = deferredCall();
-    whenFinished(call, this,
-        [msg](const QDBusPendingCall &) { QDBusConnection::systemBus().send(msg.createReply()); });
+    whenFinished(call, this, [msg, first](const QDBusPendingCall &done) {
+        if (first)
+            first(done);
+        QDBusConnection::systemBus().send(msg.createReply());
+    });
 }
 
 void AgentAdaptor::getDevices()

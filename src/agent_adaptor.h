@@ -10,6 +10,8 @@
 #include <QDBusPendingCall>
 #include <QVariantMap>
 
+#include <functional>
+
 class BluetoothAdapterInterface;
 class PairingAgent;
 
@@ -59,8 +61,10 @@ signals:
 private:
     // The call being served, answered later: its reply waits for BlueZ's answer.
     QDBusMessage deferredCall() const;
-    // Answers the call being served once BlueZ answered call (or failed to), whatever it said.
-    void replyWhenDone(const QDBusPendingCall &call);
+    // Answers the call being served once BlueZ answered call (or failed to), whatever it said,
+    // after first (in the one watcher of call).
+    void replyWhenDone(const QDBusPendingCall &call,
+        const std::function<void(const QDBusPendingCall &)> &first = {});
 
     BluetoothAdapterInterface *adapter;
 };

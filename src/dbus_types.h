@@ -31,6 +31,7 @@ inline QVariant propertyValue(const QDBusPendingCall &call)
 }
 
 // Runs done(call) on context's thread once BlueZ answered, or failed to in Qt's time-out.
+// Once per call: a second watcher of the same call misses an answer that came in between.
 template <typename Done>
 void whenFinished(const QDBusPendingCall &call, QObject *context, Done done)
 {
