@@ -23,8 +23,6 @@ ALLOWED = ["QMetaObject::invokeMethod: No such method PairingAgent::DisplayPinco
 SKIPPABLE = [
     # The 1 GiB document under an address-space limit (intake).
     "an address-space limit needs the daemon's own process (no emulator, no ASan)",
-    # scripts/test-fresh-root runs the suite in a chroot, where no container boots.
-    "systemd-nspawn does not boot a container inside the chroot of scripts/test-fresh-root",
 ]
 undeclared_skips = []
 

@@ -1,8 +1,8 @@
 # SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
 # SPDX-License-Identifier: MIT
 """The daemon as a firmware integrator installs it: the install tree, the interface description,
-and the bus policy on a bus that carries the system's default policy. The unit is tested as it
-runs, in the systemd group."""
+and the bus policy on a bus that carries the system's default policy. The units are tested as
+they run, in the image group."""
 
 import os
 import re

@@ -127,10 +127,11 @@ FILE_SETTLE = 0.5  # longer than the daemon lets a closed file settle
 def come_back(path, writer, versions):
     """A writer that comes back to a file it closed: appends, rewrites it with another version
     of the same size, opens it for writing and closes it again and again for a moment, or
-    removes it at once (a receiver whose push was dropped half-way)."""
+    removes it as obexd removes a push dropped half-way: 1.3 ms after its close."""
     if writer == "drop":
-        if versions:  # right after its close, before the daemon may take it
+        if versions:  # before the daemon may take it
             versions.clear()
+            time.sleep(0.0013)
             os.remove(path)
         return
     try:

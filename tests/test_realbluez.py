@@ -1,10 +1,9 @@
 # SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
 # SPDX-License-Identifier: MIT
-"""bluetooth-agent against the real bluetoothd, obexd and two virtual controllers in a Debian guest
-under qemu, which plays the embosser's user interface and a phone on hci1 through every scenario
-once (guest/realbluez.py). Each test judges one scenario from what the user interface and both
-controllers saw; only what concerns the phone ("Phone") is judged, since the one bluetoothd also
-tells the user interface of the embosser as the phone's controller sees it."""
+"""bluetooth-agent against the real bluetoothd and two virtual controllers in a Debian guest under
+qemu, which plays the user interface and a phone on hci1 (guest/realbluez.py). Each test judges a
+scenario from what the user interface and both controllers saw; only what concerns the phone
+("Phone"), since the one bluetoothd also tells of the embosser as the phone's controller sees it."""
 
 import json
 import os
@@ -15,6 +14,7 @@ import pytest
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "guest"))
 
 import guest as qemu  # noqa: E402
+from guest import observed  # noqa: E402
 
 REJECTED = "org.bluez.Error.AuthenticationFailed"
 
@@ -27,12 +27,6 @@ def guest(tmp_path_factory):
     assert "observations.json" in results, f"the guest reported nothing: {workdir}"
     return dict(json.loads(results["observations.json"]),
                 agent_log=results["agent.log"].decode().splitlines())
-
-
-def observed(guest, name):
-    seen = guest.get(name, {"failed": f"the guest never ran {name}"})
-    assert "failed" not in seen, seen["failed"]
-    return seen
 
 
 @pytest.fixture
@@ -50,11 +44,10 @@ def paired_both_sides(seen):
 
 
 def test_scenario_startup(scenario):
-    # Powered, named after the first line of /etc/hostname (line feed included) and the default
-    # agent of bluetoothd.
+    # Powered and named after the first line of /etc/hostname (line feed included). That it asks
+    # to be the default agent the startup group checks: bluetoothd asks a lone agent anyway.
     assert scenario["embosser"] == {"Powered": True, "Alias": "embosser\n", "Pairable": True}
     assert scenario["ui_getPower"] is True
-    assert scenario["default_agent"].endswith(" /BluetoothAgent")
 
 
 @pytest.mark.parametrize("name, answer", [("bredr_yes", True), ("bredr_no", False),
@@ -81,16 +74,6 @@ def test_scenario_phone_without_display(guest, name, shown, asked):
     assert seen["pair_error"] is None and paired_both_sides(seen) == [True, True]
 
 
-def test_scenario_unanswered(scenario):
-    # bluetoothd gives up after its 60 s and cancels; the user interface is told, and a late
-    # yes neither pairs nor pretends to.
-    assert [m for m, _ in questions(scenario)] == ["RequestUserConfirmation", "RequestCancelled"]
-    assert scenario["pair_error"] == REJECTED and scenario["seconds"] >= 55
-    code, stderr = scenario["late_confirm"]
-    assert code == 1 and "no pairing question is pending" in stderr
-    assert scenario["embosser_after_late_yes"]["Paired"] is False
-
-
 def test_scenario_bredr_connection(guest):
     paired, dropped = guest["bredr_yes"], guest["disconnection"]
     connected, disconnected = ([a[1] for m, a in seen["ui"] if m == "ConnectionStatus"
@@ -107,46 +90,8 @@ def test_scenario_devices(scenario):
     assert scenario["embosser_sees_phone"] is None
 
 
-def test_scenario_object_push(scenario):
-    # The document is spooled under the spool's name, the photo deleted and never announced.
-    assert [status for status, _ in scenario["sent"]] == ["complete", "complete"]
-    assert scenario["announced"] == ["letter.brf"]
-    ((name, spooled),) = scenario["spooled"].items()
-    assert name.startswith('\\"bluetooth-agent\\"1-') and name.endswith(".brf")
-    assert spooled == scenario["sent"][1][1]
-    assert scenario["receive_folder"] == {}
-
-
-def test_scenario_dropped_pushes(scenario):
-    # The phone walked away in the middle of every push but the last: obexd closed and removed
-    # each partial file. None of them is spooled or announced; the whole push after them is.
-    *dropped, (status, whole) = scenario["sent"]
-    assert len(dropped) >= 10 and "complete" not in [s for s, _ in dropped] and status == "complete"
-    assert scenario["announced"] == ["whole.brf"]
-    assert list(scenario["spooled"].values()) == [whole]
-    assert scenario["receive_folder"] == {}
-
-
-def test_scenario_repairing(scenario):
-    cycles = scenario["cycles"]
-    assert [c["paired"] for c in cycles] == [True] * 5
-    counts = [c["ConnectionStatus"] for c in cycles]
-    # One watcher per device: the notices of a cycle do not grow with the cycles before it.
-    assert max(counts) <= counts[0] + 2, counts
-
-
-def test_scenario_bluetoothd_restart(scenario):
-    assert scenario["agent_log"][0] == "BluetoothAgentDaemon: BlueZ left the system bus"
-    assert any(line.endswith("registering the agent") for line in scenario["agent_log"][1:3])
-    assert [m for m, _ in questions(scenario)] == ["RequestUserConfirmation"]
-    assert scenario["pair_error"] is None
-    assert paired_both_sides(scenario) == [True, True]
-
-
 def test_daemon_log_has_only_the_expected_lines(guest):
     expected = ("BluetoothPairingAgent: pairing_agent::RequestConfirmation ",
                 "BluetoothPairingAgent: pairing_agent::DisplayPasskey ",
-                "BluetoothPairingAgent: pairing_agent::RequestAuthorization ",
-                'BluetoothAgentDaemon: uploadError: "wrong file type"',
-                "BluetoothAgentDaemon: BlueZ ", "BluetoothAgentDaemon: hci0 appeared")
+                "BluetoothPairingAgent: pairing_agent::RequestAuthorization ")
     assert [line for line in guest["agent_log"] if not line.startswith(expected)] == []

@@ -1,9 +1,10 @@
 # SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
 # SPDX-License-Identifier: MIT
 """What the guest's scenarios share: the embosser's programs (the real bluetoothd with two virtual
-controllers from btvirt, hci0 the embosser and hci1 a phone; the receiver's obexd;
-bluetooth-agent), the user interface, the phone's OBEX client and the results for the host."""
+controllers from btvirt, hci0 the embosser and hci1 a phone; bluetooth-agent), the user
+interface, the phone (its pairing agent and OBEX client) and the results for the host."""
 
+import glob
 import hashlib
 import json
 import os
@@ -15,17 +16,20 @@ import traceback
 import types
 
 import dbus
+import dbus.service
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-from simenv import ADAPTER_IFACE, Client, unwrap, wait_until, watching  # noqa: E402
+from simenv import (ADAPTER_IFACE, AGENT_IFACE, DEVICE_IFACE, Client, Reply,  # noqa: E402
+                    pump, unwrap, wait_until, watching)
 
 RESULTS, RECEIVE, SPOOL = "/run/results", "/var/spool/lp/obex", "/var/spool/lp/www"
 EMBOSSER, PHONE = "/org/bluez/hci0", "/org/bluez/hci1"
 OBEX, OBEXD = "org.bluez.obex", "/usr/libexec/bluetooth/obexd"
+OBJECT_PUSH = "00001105-0000-1000-8000-00805f9b34fb"
 COMMANDS = {"bluetoothd": ["/usr/libexec/bluetooth/bluetoothd", "-n", "-d"],
             "btvirt": ["btvirt", "-l2"], "btvirt-le": ["btvirt", "-L", "-l2"],
-            "obexd": [OBEXD, "-n", "-d", "-a", "-r", RECEIVE], "agent": ["/guest/bluetooth-agent"]}
+            "agent": ["/guest/bluetooth-agent"]}
 
 
 def document(key, size):
@@ -39,26 +43,45 @@ def checksum(data):
 
 
 def listing(folder):
-    """Every file of folder, hidden ones included: name -> [size, sha256]."""
-    return {name: checksum(open(f"{folder}/{name}", "rb").read())
-            for name in sorted(os.listdir(folder))}
+    """Every file below folder, hidden ones included: relative path -> [size, sha256]."""
+    return {os.path.relpath(f"{top}/{name}", folder): checksum(open(f"{top}/{name}", "rb").read())
+            for top, _, names in os.walk(folder) for name in sorted(names)}
 
 
-def size(path):
-    try:
-        return os.stat(path).st_size
-    except FileNotFoundError:  # not there yet, or removed
-        return -1
+def size(pattern):
+    """The size of the largest file that matches pattern; -1 if none (not there yet, or gone)."""
+    return max((os.stat(path).st_size for path in glob.glob(pattern)), default=-1)
+
+
+class PhoneAgent(dbus.service.Object):
+    """The phone's pairing agent: its user says yes, and it records what it was asked (what else
+    bluetoothd may ask it is BlueZ's business, not the embosser's)."""
+
+    def __init__(self, conn):
+        super().__init__(conn, "/phone/agent")
+        self.calls, self.type_passkey = [], None
+
+    @dbus.service.method(AGENT_IFACE, in_signature="ou")
+    def RequestConfirmation(self, device, passkey):
+        self.calls.append(["RequestConfirmation", int(passkey)])
+
+    @dbus.service.method(AGENT_IFACE, in_signature="o", out_signature="u",
+                         async_callbacks=("ok", "fail"))
+    def RequestPasskey(self, device, ok, fail):
+        self.calls.append(["RequestPasskey"])
+        self.type_passkey = ok  # answered with the number the embosser shows
 
 
 class Board:
     """The embosser's programs, each logging to its own file in RESULTS unless told otherwise,
-    the user interface (a client of the daemon) and what the guest saw, scenario by scenario."""
+    the user interface (a client of the daemon), the phone and what the guest saw, scenario by
+    scenario."""
 
     def __init__(self):
         self.procs, self.observations = {}, {}
         self.bus = dbus.SystemBus()
         self.ui = Client(types.SimpleNamespace(connect=dbus.SystemBus))
+        self.phone, self.le = PhoneAgent(self.bus), False
 
     def start(self, name, out=None, env=()):
         with open(f"{RESULTS}/{name.split('-')[0]}.log", "ab") as log_file:
@@ -70,8 +93,9 @@ class Board:
         self.procs[name].send_signal(sig)
         self.procs.pop(name).wait(30)
 
-    def start_bluez(self, controllers="btvirt"):
-        if "bluetoothd" not in self.procs:
+    def start_bluez(self, controllers="btvirt", bluetoothd=True):
+        """The controllers, and bluetoothd unless it runs already or is not ours to start."""
+        if bluetoothd and "bluetoothd" not in self.procs:
             self.start("bluetoothd")
         self.start(controllers)
         wait_until(lambda: self.address(EMBOSSER) and self.address(PHONE), 60, "hci0 and hci1")
@@ -94,18 +118,109 @@ class Board:
     def address(self, adapter):
         return self.prop(adapter, "Address")
 
-    def push(self, name, data, drop_at=None):
-        """The phone sends data as name, from an obexd of its own started for this push (obexd's
-        client once crashed on a second cancel in one process). With drop_at, the phone walks
-        away (its obexd killed: the link drops) once the receiver has written that share of the
-        data. Returns the transfer's last status: complete, error, or still under way."""
+    def objects(self):
+        return unwrap(self.obj("/").GetManagedObjects(
+            dbus_interface="org.freedesktop.DBus.ObjectManager"))
+
+    def device(self, adapter, other):
+        return f"{adapter}/dev_{self.address(other).replace(':', '_')}"
+
+    def sees(self, adapter, other):
+        """How adapter sees the other controller (None: not at all)."""
+        props = self.objects().get(self.device(adapter, other), {}).get(DEVICE_IFACE)
+        return props and {k: props.get(k) for k in ("Alias", "Paired", "Connected", "Trusted")}
+
+    def set(self, name, value):
+        """Sets a property of the phone's controller; False while it is busy."""
+        try:
+            self.obj(PHONE).Set(ADAPTER_IFACE, name, value, signature="ssv",
+                                dbus_interface=dbus.PROPERTIES_IFACE)
+            return True
+        except dbus.DBusException:
+            return False
+
+    def set_up_phone(self, le):
+        # A controller that just appeared may still be busy with bluetoothd's own set-up.
+        wait_until(lambda: self.set("Powered", dbus.Boolean(True)), 30, "hci1 powered")
+        self.set("Alias", "Phone")
+        self.le = le
+
+    def discover_embosser(self):
+        """The phone searches until it sees the embosser, which the user interface shows."""
+        self.ui.call("SetDiscoverable", True)
+        if self.le:
+            subprocess.run(["btmgmt", "--index", "0", "advertising", "on"], capture_output=True,
+                           timeout=30)
+        target = self.device(PHONE, EMBOSSER)
+        if target not in self.objects():
+            adapter = dbus.Interface(self.obj(PHONE), ADAPTER_IFACE)
+            adapter.SetDiscoveryFilter({"Transport": "le" if self.le else "bredr"},
+                                       signature="a{sv}")
+            adapter.StartDiscovery()
+            try:
+                wait_until(lambda: target in self.objects(), 60, "the embosser in the search")
+            finally:
+                adapter.StopDiscovery()
+        return target
+
+    def forget_both(self):
+        """Both sides forget the pairing: the embosser through the user interface."""
+        if self.sees(EMBOSSER, PHONE):
+            self.ui.call("forgetDevice", self.address(PHONE))
+        if self.sees(PHONE, EMBOSSER):
+            self.obj(PHONE).RemoveDevice(self.device(PHONE, EMBOSSER), signature="o",
+                                         dbus_interface=ADAPTER_IFACE)
+        wait_until(lambda: not self.sees(EMBOSSER, PHONE) and not self.sees(PHONE, EMBOSSER), 30,
+                   "both sides forgetting")
+
+    def confirm(self, answer):
+        """The user interface answers the question; returns something true once it has."""
+        return self.ui.call_async("userConfirmation", answer)
+
+    def pair(self, ui_answer=True, phone_capability="DisplayYesNo", forget=False):
+        """The phone pairs with the embosser; the user interface answers ui_answer when asked
+        (None: never). Returns what each side saw."""
+        if forget:
+            self.forget_both()
+        manager = dbus.Interface(self.obj("/org/bluez"), "org.bluez.AgentManager1")
+        try:
+            manager.UnregisterAgent("/phone/agent", signature="o")
+        except dbus.DBusException:
+            pass  # not registered with this bluetoothd yet
+        manager.RegisterAgent("/phone/agent", phone_capability, signature="os")
+        self.phone.calls, self.phone.type_passkey = [], None
+        mark, reply = len(self.ui.signals), Reply()
+        self.obj(self.discover_embosser()).Pair(dbus_interface=DEVICE_IFACE, timeout=120,
+                                                   reply_handler=reply.ok,
+                                                   error_handler=reply.fail)
+        answered = ui_answer is None
+
+        def answer():
+            nonlocal answered
+            for member, args in self.ui.signals[mark:]:
+                if member == "RequestUserConfirmation" and not answered:
+                    answered = self.confirm(ui_answer)
+                if member == "DisplayUserPasskey" and self.phone.type_passkey:
+                    self.phone.type_passkey, typed = None, self.phone.type_passkey
+                    typed(dbus.UInt32(args[0]))  # the number the embosser shows
+            return reply.done
+
+        wait_until(answer, 130, "the pairing")
+        pump(1.0)  # what follows the end of the pairing at once
+        return {"pair_error": reply.error, "phone_asked": self.phone.calls, "ui":
+                self.ui.signals[mark:], "embosser_sees_phone": self.sees(EMBOSSER, PHONE),
+                "phone_sees_embosser": self.sees(PHONE, EMBOSSER)}
+
+    def push(self, name, data, drop_at=None, cancel=False):
+        """The phone sends data as name, from an obexd of its own (its client once crashed on a
+        second cancel in one process). Once the receiver has the share drop_at of it, the phone
+        walks away (its obexd killed), or with cancel its user gives up (the transfer cancelled,
+        the session ended). Returns the transfer's last status."""
         with open(f"/tmp/{name}", "wb") as f:
             f.write(data)
-        # obexd 5.66 itself sometimes dies of a dropped link; on a board its unit restarts it.
-        if self.procs["obexd"].poll() is not None:
-            self.observations.setdefault("receiver_restarts", []).append(name)
-            self.start("obexd")
-            time.sleep(2)  # its profile registered before the phone's obexd offers one too
+        # The phone's obexd offers Object Push too: the receiver's must be registered first.
+        wait_until(lambda: OBJECT_PUSH in (self.prop(EMBOSSER, "UUIDs") or []), 60,
+                   "the receiver's Object Push")
         bus = subprocess.Popen(["dbus-daemon", "--session", "--nofork", "--print-address=1"],
                                stdout=subprocess.PIPE, text=True)
         address = bus.stdout.readline().strip()
@@ -118,20 +233,36 @@ class Board:
             path_keyword="path")
         try:
             wait_until(lambda: conn.name_has_owner(OBEX), 30, "the phone's obexd")
-            session = conn.get_object(OBEX, "/org/bluez/obex").CreateSession(
+            client = conn.get_object(OBEX, "/org/bluez/obex")
+            session = client.CreateSession(
                 self.address(EMBOSSER), {"Target": "opp", "Source": self.address(PHONE)},
                 dbus_interface="org.bluez.obex.Client1", timeout=60)
             transfer = conn.get_object(OBEX, session).SendFile(
                 f"/tmp/{name}", dbus_interface="org.bluez.obex.ObjectPush1")[0]
-            wait_until(lambda: status.get(transfer) in ("complete", "error") or (
-                drop_at is not None and size(f"{RECEIVE}/{name}") >= drop_at * len(data)),
-                300, name)
+            # The receiver stages the push under a name of its own; one push at a time here.
+            wait_until(lambda: status.get(transfer) in ("complete", "error") or drop_at is not None
+                       and size(f"{RECEIVE}/.incoming/*") >= drop_at * len(data), 300, name)
+            if cancel and status.get(transfer) is None:
+                conn.get_object(OBEX, transfer).Cancel(dbus_interface="org.bluez.obex.Transfer1")
+                client.RemoveSession(session, dbus_interface="org.bluez.obex.Client1")
+                pump(2.0)  # for the disconnect to reach the embosser before the link drops
             return str(status.get(transfer))
         finally:
             conn.close()
             for proc in (obexd, bus):
                 proc.kill()
                 proc.wait()
+
+    def pushes(self, *pushes):
+        """The paired phone sends each push (push's arguments) in turn. Returns how each ended,
+        what the user interface was told and the two folders, once the spool has the last."""
+        mark, before = len(self.ui.signals), listing(SPOOL)
+        sent = [[self.push(*push), checksum(push[1])] for push in pushes]
+        wait_until(lambda: [pushes[-1][0]] in self.ui.received("TransferComplete"), 60,
+                   "the spool taking the last push")
+        return {"sent": sent, "receive_folder": listing(RECEIVE),
+                "announced": [a[0] for m, a in self.ui.signals[mark:] if m == "TransferComplete"],
+                "spooled": {n: v for n, v in listing(SPOOL).items() if n not in before}}
 
     def run(self, name, scenario, *args, **kwargs):
         """Runs one scenario and keeps what it returns, or how it failed, for the host."""

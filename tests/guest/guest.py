@@ -1,10 +1,9 @@
 # SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
 # SPDX-License-Identifier: MIT
 """The host side of every guest test: a Debian 12 guest under qemu (software emulation on two
-virtual CPUs, niced, so that the host's other work goes on), booted from a snapshot of the image
-that ../debian-root keeps, which also has what a guest needs to boot as the board does: systemd,
-and all the project's package needs to be installed offline. The guest finds its root on
-/dev/vda, its inputs on /dev/vdb and a disk for its results on /dev/vdc (tar streams both)."""
+virtual CPUs, niced), booted from a snapshot of the image that ../debian-root keeps, with systemd
+and all the project's package needs. The guest finds its root on /dev/vda, its inputs on /dev/vdb
+and a disk for its results on /dev/vdc (tar streams both)."""
 
 import os
 import shutil
@@ -40,6 +39,13 @@ def programs(build, scenario):
             "simenv.py": f"{TOP}/tools/simenv.py", "scenario.py": scenario}
 
 
+def observed(seen, name):
+    """What the guest saw in the scenario name, from its observations; fails as it failed."""
+    found = seen.get(name, {"failed": f"the guest never ran {name}"})
+    assert "failed" not in found, found["failed"]
+    return found
+
+
 class Guest:
     """The boots of one guest; in workdir, console.log (of every boot), and results (of the last
     boot that ended)."""
@@ -51,7 +57,8 @@ class Guest:
         """Boots the guest and waits for its end. inputs: name -> path; disks: extra raw disks as
         (path, snapshot) pairs (one that is no snapshot keeps what reached it, qemu's default
         cache=writeback playing the disk's cache); init: the kernel's init (the default runs the
-        inputs' init; None boots systemd). Each console line goes to on_line as it comes, which
+        inputs' init; None boots systemd, which runs it as a unit at every boot: such a guest may
+        reboot, and ends when it powers off). Each console line goes to on_line as it comes, which
         may call cut(). Returns the guest's results (name -> bytes), none if it was cut."""
         root, kernel, initrd = image()
         with tarfile.open(f"{self.workdir}/inputs.tar", "w") as tar:
@@ -60,10 +67,15 @@ class Guest:
         results = f"{self.workdir}/results.img"
         with open(results, "wb") as f:
             f.truncate(256 << 20)
+        # systemd.run alone boots a target of its own with only that unit: the board's whole boot
+        # is wanted, the unit with it.
         command = ["nice", "-n", "10", "qemu-system-x86_64", "-machine", "q35", "-accel",
                    "tcg,thread=multi", "-cpu", "max", "-m", "1024", "-smp", "2", "-nographic",
-                   "-no-reboot", "-net", "none", "-kernel", kernel, "-initrd", initrd, "-append",
-                   "root=/dev/vda rw console=ttyS0 panic=-1 quiet" + f" init={init}" * bool(init)]
+                   "-net", "none", "-kernel", kernel, "-initrd", initrd, "-append",
+                   "root=/dev/vda rw console=ttyS0 panic=-1 quiet " + (f"init={init}" if init else
+                   "systemd.unit=multi-user.target systemd.wants=kernel-command-line.service "
+                   "systemd.run=/sbin/guest-boot systemd.run_success_action=none")]
+        command += ["-no-reboot"] * bool(init)
         for path, snapshot in ((root, True), (f"{self.workdir}/inputs.tar", True),
                                (results, False), *disks):
             command += ["-drive", f"file={path},format=raw,if=virtio" + ",snapshot=on" * snapshot]

@@ -1,0 +1,123 @@
+#!/usr/bin/python3
+# SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
+# SPDX-License-Identifier: MIT
+"""The image guest, which systemd runs at every boot: the package installed with apt, the board's
+first boot with it, the board rebooted. What each boot saw stays on the disk across the reboots
+and goes to ../test_image.py, which judges."""
+
+import json
+import os
+import subprocess
+
+from board import OBEXD, RECEIVE, SPOOL, Board, document
+from simenv import wait_until, watching
+
+KEPT, UNITS = "/var/lib/guest-results", ["bluetooth-agent.service", "bluetooth-agent-obex.service"]
+BOOTS = {"install": ["install"], "boot": ["boot", "pairing", "documents", "routine", "anew"],
+         "rebooted": ["rebooted"]}
+
+
+def run(*command, user="root"):
+    """command as user; its exit code and output."""
+    done = subprocess.run(["runuser", "-u", user, "--", *command], capture_output=True, text=True)
+    return [done.returncode, (done.stdout + done.stderr).strip()]
+
+
+def show(prop):
+    return run("systemctl", "show", "-P", prop, UNITS[0])[1]
+
+
+def journal(*after):
+    """The two units' entries after the cursor given, which must be one of theirs."""
+    return [json.loads(entry) for entry in run("journalctl", "-o", "json", *(f"_SYSTEMD_UNIT={u}"
+            for u in UNITS), *(["--after-cursor", *after] if after else []))[1].splitlines()]
+
+
+class Image(Board):
+    def confirm(self, answer):
+        self.answered = run("bluetooth-agentctl", "confirm", ["no", "yes"][answer],
+                            user="embosser-ui")
+        return True
+
+    def registered(self, old="0"):
+        """The pid of a daemon other than old, once it has started (registered, watching)."""
+        return wait_until(lambda: (pid := show("MainPID")) not in ("0", old) and watching(pid)
+                          and pid, 180, "the daemon registered")
+
+    def install(self):
+        return run("sh", "-c", "apt-get install -y --no-install-recommends "
+                   "/guest/bluetooth-agent.deb && useradd -r -G bluetooth embosser-ui")
+
+    def boot(self):
+        """bluetoothd, and with it the daemon and the receiver, before the controllers; then
+        bluetoothd restarted, stopped and started, and the daemon crashing."""
+        run("modprobe", "hci_vhci")
+        run("systemctl", "start", "bluetooth.service")
+        wait_until(lambda: int(show("NRestarts")), 120, "a failed start-up tried again")
+        self.start_bluez(bluetoothd=False)
+        pids = [self.registered()]
+        for action in ("restart", "stop", "start"):
+            run("systemctl", action, "bluetooth.service")
+            if action == "stop":
+                stopped = run("systemctl", "is-active", *UNITS)[1].split()
+            else:
+                pids.append(self.registered(pids[-1]))
+        run("systemctl", "kill", "--kill-who=main", "--signal=SEGV", UNITS[0])
+        pids.append(self.registered(pids[-1]))
+        self.set_up_phone(le=False)
+        return {"pids": pids, "stopped": stopped, "cursor": journal()[-1]["__CURSOR"],
+                "run": run("nsenter", "-t", pids[-1], "-m", "touch", "/run/a-file")}
+
+    def pairing(self):
+        return dict(self.pair(), answered=self.answered,
+                    outsider=run("bluetooth-agentctl", "power", user="nobody"))
+
+    def documents(self):
+        """A file of a type not printed, by hand; whole pushes around pushes cancelled or dropped
+        early and late."""
+        run("sh", "-c", f"echo refused >{RECEIVE}/refused.exe")
+        return self.pushes(("letter.brf", document("letter", 3000)), *[
+            (f"{how}{share}.brf", document(how, 3 << 20), share, how == "cancelled")
+            for how in ("cancelled", "dropped") for share in (0.2, 0.7)],
+            ("big.brf", document("big", 3 << 20)))
+
+    def routine(self):
+        """What the daemon and the receiver's agent (not obexd) logged since the pairing."""
+        return [[e["_SYSTEMD_UNIT"], int(e["PRIORITY"]), e["MESSAGE"]] for e in journal(
+            self.observations["boot"]["cursor"]) if e.get("_EXE") != OBEXD]
+
+    def anew(self):
+        """The folders removed and made anew by systemd-tmpfiles, then a push."""
+        made = run("sh", "-c", f"rm -r {RECEIVE} {SPOOL} && systemd-tmpfiles --create")
+        return dict(self.pushes(("anew.brf", document("anew", 5000))), tmpfiles=made, modes=run(
+            "stat", "-c", "%n %a %U", RECEIVE, f"{RECEIVE}/.incoming", SPOOL)[1].splitlines())
+
+    def rebooted(self):
+        """The controllers come after the boot, and udev starts bluetoothd for them."""
+        run("modprobe", "hci_vhci")
+        self.start_bluez(bluetoothd=False)
+        self.registered()
+        self.set_up_phone(le=False)
+        return self.pushes(("again.brf", document("again", 5000)))
+
+
+def main():
+    os.makedirs(KEPT, exist_ok=True)
+    if not os.path.islink("/run/results"):
+        os.symlink(KEPT, "/run/results")
+    board = Image()
+    if os.path.exists(f"{KEPT}/observations.json"):
+        with open(f"{KEPT}/observations.json", encoding="utf-8") as f:
+            board.observations = json.load(f)
+    boot = next(b for b in BOOTS if b not in board.observations)
+    try:
+        for scenario in BOOTS[boot]:
+            board.run(scenario, getattr(board, scenario))
+        board.run(f"failed_{boot}", run, "systemctl", "--failed", "--no-legend")
+    finally:
+        run("sh", "-c", f"journalctl -b >{KEPT}/journal-{boot}.log; tar -C {KEPT} -cf /dev/vdc .; "
+            f"systemctl {'poweroff' if boot == 'rebooted' else 'reboot'}")
+
+
+if __name__ == "__main__":
+    main()
