@@ -26,6 +26,14 @@ SKIPPABLE = [
 ]
 undeclared_skips = []
 
+# Where the daemon is its own process (no emulator, no ASan), its memory says what it holds.
+NATIVE = "ASAN_OPTIONS" not in os.environ and not os.environ.get("BLUETOOTH_AGENT_LAUNCHER")
+
+
+def rss_kib(pid):
+    with open(f"/proc/{pid}/status", encoding="ascii") as f:
+        return int(next(line for line in f if line.startswith("VmRSS:")).split()[1])
+
 
 def note_skip(report):
     if report.skipped:

@@ -11,7 +11,7 @@ import sys
 import dbus
 import pytest
 
-from simenv import ADAPTER_PATH, ctl_command
+from simenv import ADAPTER_PATH, ctl_command, pump
 
 PHONE = "AA:BB:CC:DD:EE:01"
 PHONE_PATH = dbus.ObjectPath("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01")
@@ -91,10 +91,13 @@ def test_answers_reach_bluez(world, ui):
 
 
 def test_power_discoverability_devices_and_forgetting(paired_world):
-    world = paired_world
+    world, ui = paired_world, paired_world.client()
     assert ctl(world, "power").stdout == "on\n"
     assert ctl(world, "power", "off").stdout == "off\n"
     assert world.bluez.adapter_property("Powered") is False
+    # Announced again even when nothing changed.
+    assert ctl(world, "power", "off").stdout == "off\n"
+    assert ui.wait_signal("PowerStateChanged", 2) == [[False], [False]]
     assert ctl(world, "discoverable", "on").stdout == "on\n"
     assert world.bluez.adapter_property("Discoverable") is True
     assert ctl(world, "devices").stdout == f"{PHONE}  Phone One\nAA:BB:CC:DD:EE:02  Tablet\n"
@@ -109,6 +112,7 @@ def test_clear_errors(make_world):
     done = ctl(world, "devices")
     assert done.returncode == 3 and "bluetooth-agent is not on the system bus" in done.stderr
     world.start_agent()
+    ui = world.client()
     done = ctl(world, "devices")
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "no paired devices\n")
     for args in (["confirm", "yes"], ["pin", "0000"]):
@@ -122,6 +126,8 @@ def test_clear_errors(make_world):
                                  (["discoverable", "on"], "off\n", "discoverable is still off")]:
         done = ctl(world, *args)
         assert (done.returncode, done.stdout) == (1, stdout) and stderr in done.stderr
+    pump(0.3)
+    assert ui.received("PowerStateChanged") == []  # refused by BlueZ: nothing to announce
 
 
 @pytest.mark.parametrize("answer, last_step", [

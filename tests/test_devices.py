@@ -1,18 +1,16 @@
 # SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
 # SPDX-License-Identifier: MIT
-"""What the user interface learns about phones and what it controls: the paired-device list,
-connection status, forgetting a device, power and discoverability; and how BlueZ's signals,
-however many or however typed, are taken."""
-
-import os
+"""What the user interface learns about phones: the paired-device list, connection status,
+forgetting a device; and how BlueZ's signals, however many or however typed, are taken. Power
+and discoverability: the ctl group."""
 
 import dbus
 
+from conftest import NATIVE, rss_kib
 from simenv import ADAPTER_IFACE, ADAPTER_PATH, DEVICE_IFACE, pump
 
 PHONE = "AA:BB:CC:DD:EE:01"
 PHONE_PATH = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01"
-NATIVE = "ASAN_OPTIONS" not in os.environ and not os.environ.get("BLUETOOTH_AGENT_LAUNCHER")
 
 
 def test_device_list_holds_the_paired_devices(make_world):
@@ -72,11 +70,6 @@ def test_mistyped_signals_from_bluez_are_ignored(world, ui):
     ui.wait_signal("RequestUserConfirmation")
     ui.call("userConfirmation", True)
     assert reply.wait().values == [True] and len(ui.received("ConnectionStatus")) == 1
-
-
-def rss_kib(pid):
-    with open(f"/proc/{pid}/status", encoding="ascii") as f:
-        return int(next(line for line in f if line.startswith("VmRSS:")).split()[1])
 
 
 def test_devices_that_come_and_go_in_thousands(world, ui):
@@ -141,22 +134,3 @@ def test_forgetting_a_device_and_sending_a_fresh_list(paired_world):
             {"Tablet": "AA:BB:CC:DD:EE:02"} | ({} if text == PHONE else {"Phone One": PHONE})]
     assert world.bluez.calls(ADAPTER_PATH, "RemoveDevice") == [
         ["/org/bluez/hci0/dev_"], ["/org/bluez/hci0/dev_aa_bb_cc_dd_ee_01"], [PHONE_PATH]]
-
-
-def test_power_and_discoverability(world, ui):
-    ui.call("setPower", False)
-    assert world.bluez.adapter_property("Powered") is False and ui.call("getPower") is False
-    # Announced again even when nothing changed.
-    ui.call("setPower", False)
-    ui.call("setPower", True)
-    assert ui.wait_signal("PowerStateChanged", 3) == [[False], [False], [True]]
-    ui.call("SetDiscoverable", True)
-    assert world.bluez.adapter_property("Discoverable") is True
-    ui.call("SetDiscoverable", False)
-    assert world.bluez.adapter_property("Discoverable") is False
-    # Refused by BlueZ: nothing is announced.
-    world.bluez.fail_method(ADAPTER_PATH, dbus.PROPERTIES_IFACE, "Set", "ssv")
-    ui.call("setPower", False)
-    pump(0.3)
-    assert len(ui.received("PowerStateChanged")) == 3 and len(ui.signals) == 3
-    assert world.bluez.adapter_property("Powered") is True

@@ -2,7 +2,9 @@
 # SPDX-License-Identifier: MIT
 """The package on a board: built from the tree (lintian included) and installed with apt in a
 Debian 12 guest under qemu that boots with systemd as PID 1, which starts bluetoothd, the daemon
-and the OBEX receiver. The guest plays each boot (guest/image.py); each test judges a part."""
+and the OBEX receiver. The guest plays each boot (guest/image.py), the user interface and a phone
+on hci1; each test judges a part, of the phone only ("Phone"), since the one bluetoothd also tells
+of the embosser as the phone's controller sees it."""
 
 import collections
 import json
@@ -16,6 +18,8 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "gue
 
 import guest as qemu  # noqa: E402
 from guest import observed  # noqa: E402
+
+REJECTED = "org.bluez.Error.AuthenticationFailed"
 
 
 @pytest.fixture(scope="module")
@@ -41,6 +45,9 @@ def test_the_package_installs_and_its_units_follow_bluetoothd_and_their_failures
     seen = observed(guest, "boot")
     assert len(set(seen["pids"])) == 4 and seen["stopped"] == ["inactive", "inactive"]
     assert seen["run"][0] == 1 and "Read-only file system" in seen["run"][1]
+    # Powered and named after the first line of /etc/hostname (line feed included).
+    assert seen["embosser"] == {"Powered": True, "Alias": "embosser\n", "Pairable": True}
+    assert seen["ui_getPower"] is True
     # The folders removed, systemd-tmpfiles makes them anew as the package says, without a word.
     anew = observed(guest, "anew")
     assert anew["tmpfiles"] == [0, ""] and anew["modes"] == ["/var/spool/lp/obex 750 obex",
@@ -48,11 +55,52 @@ def test_the_package_installs_and_its_units_follow_bluetoothd_and_their_failures
                                                              "/var/spool/lp/www 755 root"]
 
 
-def test_the_user_interface_group_answers_and_an_outsider_is_refused(guest):
-    seen = observed(guest, "pairing")
-    assert [m for m, _ in seen["ui"] if m.startswith("Request")] == ["RequestUserConfirmation"]
-    assert seen["answered"] == [0, ""] and seen["outsider"][0] == 4
-    assert seen["pair_error"] is None and seen["embosser_sees_phone"]["Paired"] is True
+def questions(seen):
+    return [(m, args) for m, args in seen["ui"] if m.startswith(("Request", "DisplayUser"))]
+
+
+def paired_both_sides(seen):
+    return [(seen[s] or {}).get("Paired") for s in ("embosser_sees_phone", "phone_sees_embosser")]
+
+
+@pytest.mark.parametrize("name, answer", [("bredr_no", False), ("pairing", True),
+                                          ("le_no", False), ("le_yes", True)])
+def test_numeric_comparison_answered_by_the_user_interface_group(guest, name, answer):
+    seen = observed(guest, name)
+    # The user interface and the phone were shown the same number, once.
+    (asked,) = [args for member, args in questions(seen)]
+    assert seen["phone_asked"] == [["RequestConfirmation", asked[0]]]
+    if name.startswith("le"):
+        assert asked[0] != 0  # LE gives a real passkey; btvirt's BR/EDR always 000000
+    assert seen["pair_error"] == (None if answer else REJECTED)
+    assert paired_both_sides(seen) == [answer, answer]
+    if name == "pairing":  # its bluetooth-agentctl answered; an outsider's is refused
+        assert seen["answered"] == [0, ""] and seen["outsider"][0] == 4
+
+
+@pytest.mark.parametrize("name, shown, asked", [("le_keyboard", ["DisplayUserPasskey"],
+                                                  [["RequestPasskey"]]), ("le_no_io", [], [])])
+def test_phone_without_display(guest, name, shown, asked):
+    # A keyboard-only phone: the user interface shows the number the phone's user types. A phone
+    # with neither input nor output pairs without a question (security notes).
+    seen = observed(guest, name)
+    assert [m for m, _ in questions(seen)] == shown and seen["phone_asked"] == asked
+    assert all(0 <= args[0] <= 999999 for _, args in questions(seen))
+    assert seen["pair_error"] is None and paired_both_sides(seen) == [True, True]
+
+
+def test_connection_status_and_devices(guest):
+    paired, dropped = observed(guest, "pairing"), observed(guest, "disconnection")
+    connected, disconnected = ([a[1] for m, a in seen["ui"] if m == "ConnectionStatus"
+                                and a[0] == "Phone"] for seen in (paired, dropped))
+    assert True in connected and paired["embosser_sees_phone"]["Connected"] is True
+    assert disconnected[-1:] == [False]
+    assert dropped["embosser_sees_phone"] == dict(paired["embosser_sees_phone"], Connected=False)
+    # After the reboot: listed under its alias, and forgotten through the user interface.
+    seen = observed(guest, "devices")
+    alias, address = seen["phone"]
+    assert seen["listed"].get(alias) == address == seen["listed"].get("Phone")
+    assert "Phone" not in seen["after_forget"] and seen["embosser_sees_phone"] is None
 
 
 @pytest.mark.parametrize("name, announced, sizes, aborted", [
@@ -69,13 +117,17 @@ def test_whole_documents_print_and_broken_off_ones_never(guest, name, announced,
 
 
 def test_pairing_and_pushes_log_only_routine_lines(guest):
-    # The daemon's question at info, the file refused at err, and nothing else; the receiver's
+    # The daemon's questions at info, the file refused at err, and nothing else; the receiver's
     # agent's account of each push at info.
-    lines = observed(guest, "routine")
-    daemon = [line[1:] for line in lines if line[0] == "bluetooth-agent.service"]
-    assert [priority for priority, _ in daemon] == [6, 3], lines
-    assert daemon[0][1].startswith("BluetoothPairingAgent: pairing_agent::RequestConfirmation ")
-    assert daemon[1][1] == 'BluetoothAgentDaemon: uploadError: "wrong file type"'
-    told = collections.Counter((line[1], line[2].split(": ")[1]) for line in lines
-                               if line[0] == "bluetooth-agent-obex.service")
-    assert told == {(6, "push accepted"): 6, (6, "published"): 2, (6, "dropped"): 4}, lines
+    for boot, questions_asked, pushes in (("routine", 2, (6, 2, 4)), ("routine_rebooted", 4,
+                                                                      (1, 1, 0))):
+        lines = observed(guest, boot)
+        daemon = [line[1:] for line in lines if line[0] == "bluetooth-agent.service"]
+        asked = [line for line in daemon if line[1].startswith(
+            "BluetoothPairingAgent: pairing_agent::")]
+        refused = [[3, 'BluetoothAgentDaemon: uploadError: "wrong file type"']] * (boot == "routine")
+        assert [p for p, _ in asked] == [6] * questions_asked and daemon == asked + refused, lines
+        told = collections.Counter((line[1], line[2].split(": ")[1]) for line in lines
+                                   if line[0] == "bluetooth-agent-obex.service")
+        assert told == {(6, what): count for what, count in zip(
+            ("push accepted", "published", "dropped"), pushes) if count}, lines

@@ -6,7 +6,6 @@ they run, in the image group."""
 
 import os
 import re
-import shutil
 import subprocess
 import xml.etree.ElementTree as ET
 
@@ -14,7 +13,7 @@ import dbus
 import pytest
 
 import simenv
-from simenv import AGENT_PATH, AGENT_SERVICE, as_user, program, pump
+from simenv import AGENT_PATH, AGENT_SERVICE, as_user, pump
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 README = os.path.join(HERE, "..", "README.md")
@@ -45,25 +44,6 @@ def test_every_file_lands_where_the_readme_says(installed):
     files = {"/" + str(p.relative_to(installed)) for p in installed.rglob("*") if p.is_file()}
     assert files == readme_install_paths()
     assert os.access(installed / PREFIX.lstrip("/") / "libexec" / "bluetooth-agent", os.X_OK)
-
-
-def test_the_receivers_user_and_folders_come_up_without_a_word(installed, tmp_path):
-    # As at installation and at each boot: systemd-sysusers, then systemd-tmpfiles, in a new root.
-    for kind in ("sysusers.d", "tmpfiles.d"):
-        shutil.copytree(installed / PREFIX.lstrip("/") / "lib" / kind, tmp_path / "usr/lib" / kind)
-    (tmp_path / "etc").mkdir()
-    subprocess.run(["systemd-sysusers", f"--root={tmp_path}"], check=True, capture_output=True)
-    done = subprocess.run(["systemd-tmpfiles", "--create", f"--root={tmp_path}"],
-                          capture_output=True, text=True)
-    assert (done.returncode, done.stdout + done.stderr) == (0, "")
-    user = next(line.split(":") for line in open(tmp_path / "etc/passwd", encoding="utf-8")
-                if ":OBEX push receiver:/nonexistent:/usr/sbin/nologin" in line)
-    obex = (int(user[2]), int(user[3]))
-    assert 0 not in obex
-    made = {str(p.relative_to(tmp_path)): p.stat() for p in (tmp_path / "var/spool").rglob("*")}
-    assert {p: (s.st_mode & 0o7777, (s.st_uid, s.st_gid)) for p, s in made.items()} == {
-        "var/spool/lp": (0o755, (0, 0)), "var/spool/lp/www": (0o755, (0, 0)),
-        "var/spool/lp/obex": (0o750, obex), "var/spool/lp/obex/.incoming": (0o700, obex)}
 
 
 def agent_interface(xml_text):
@@ -163,9 +143,3 @@ def test_only_root_and_the_user_interface_group_talk_to_it(guarded):
     assert heard == {"outsider": set(), "member": {
         "RequestUserConfirmation", "DisplayUserPasskey", "RequestCancelled", "BluetoothDevices",
         "PowerStateChanged"}}
-    # The control tool says who may not talk to the daemon.
-    *launcher, binary = program("BLUETOOTH_AGENTCTL")
-    ctl = launcher + [shutil.copy(binary, guarded.workdir)]
-    for groups, code in ((outsider, 4), (member, 0)):
-        done = as_peer(guarded, groups, ctl + ["power"])
-        assert (done.wait(60), done.stdout.read()) == (code, "on\n" if code == 0 else "")

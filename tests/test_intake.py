@@ -14,13 +14,13 @@ import time
 
 import pytest
 
+from conftest import NATIVE, rss_kib
 from simenv import pump, wait_until
 
 PREFIX = '\\"bluetooth-agent\\"'  # backslash, quote, bluetooth-agent, backslash, quote
 OPEN_ERROR = "BluetoothAgentDaemon: uploadError: unable to open file"
 SPOOL_ERROR = "BluetoothAgentDaemon: uploadError: unable to open temp file"
 WATCH_ERROR = "BluetoothFileMonitor: mWatchD = -1"
-NATIVE = "ASAN_OPTIONS" not in os.environ and not os.environ.get("BLUETOOTH_AGENT_LAUNCHER")
 
 
 def spooled_in_order(sandbox, count, timeout=60.0):
@@ -34,11 +34,6 @@ def spooled_in_order(sandbox, count, timeout=60.0):
         assert match, name
         numbered.append((int(match[1]), match[2], content))
     return sorted(numbered)
-
-
-def rss_kib(pid):
-    with open(f"/proc/{pid}/status", encoding="ascii") as f:
-        return int(next(line for line in f if line.startswith("VmRSS:")).split()[1])
 
 
 # Names and contents a phone can send, hostile ones included; names that are no UTF-8 are taken

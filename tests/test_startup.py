@@ -10,14 +10,8 @@ import signal
 import dbus
 import pytest
 
+from conftest import NATIVE, rss_kib
 from simenv import ADAPTER_PATH, AGENT_PATH, AGENT_SERVICE, Bluez, pump, wait_until
-
-NATIVE = "ASAN_OPTIONS" not in os.environ and not os.environ.get("BLUETOOTH_AGENT_LAUNCHER")
-
-
-def rss_kib(pid):
-    with open(f"/proc/{pid}/status", encoding="ascii") as f:
-        return int(next(line for line in f if line.startswith("VmRSS:")).split()[1])
 
 START_CALLS = ("Get /org/bluez/hci0 org.bluez.Adapter1.Powered", "Set /org/bluez/hci0",
                "GetManagedObjects", "RegisterAgent", "RequestDefaultAgent")

@@ -2,19 +2,22 @@
 # SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
 # SPDX-License-Identifier: MIT
 """The image guest, which systemd runs at every boot: the package installed with apt, the board's
-first boot with it, the board rebooted. What each boot saw stays on the disk across the reboots
-and goes to ../test_image.py, which judges."""
+first boot with it, the board rebooted; the user interface and a phone on hci1 against the real
+bluetoothd, over BR/EDR and then LE. What each boot saw stays on the disk across the reboots and
+goes to ../test_image.py, which judges."""
 
 import json
 import os
 import subprocess
 
-from board import OBEXD, RECEIVE, SPOOL, Board, document
-from simenv import wait_until, watching
+from board import EMBOSSER, OBEXD, PHONE, RECEIVE, SPOOL, Board, document
+from simenv import DEVICE_IFACE, pump, wait_until, watching
 
 KEPT, UNITS = "/var/lib/guest-results", ["bluetooth-agent.service", "bluetooth-agent-obex.service"]
-BOOTS = {"install": ["install"], "boot": ["boot", "pairing", "documents", "routine", "anew"],
-         "rebooted": ["rebooted"]}
+BOOTS = {"install": ["install"],
+         "boot": ["boot", "bredr_no", "pairing", "disconnection", "documents", "routine", "anew"],
+         "rebooted": ["rebooted", "devices", "le_switch", "le_no", "le_yes", "le_keyboard",
+                      "le_no_io", "routine_rebooted"]}
 
 
 def run(*command, user="root"):
@@ -45,7 +48,8 @@ class Image(Board):
                           and pid, 180, "the daemon registered")
 
     def install(self):
-        return run("sh", "-c", "apt-get install -y --no-install-recommends "
+        return run("sh", "-c", "echo embosser >/etc/hostname && "
+                   "apt-get install -y --no-install-recommends "
                    "/guest/bluetooth-agent.deb && useradd -r -G bluetooth embosser-ui")
 
     def boot(self):
@@ -65,8 +69,13 @@ class Image(Board):
         run("systemctl", "kill", "--kill-who=main", "--signal=SEGV", UNITS[0])
         pids.append(self.registered(pids[-1]))
         self.set_up_phone(le=False)
-        return {"pids": pids, "stopped": stopped, "cursor": journal()[-1]["__CURSOR"],
+        self.cursor = journal()[-1]["__CURSOR"]
+        return {"pids": pids, "stopped": stopped, "ui_getPower": self.ui.call("getPower"),
+                "embosser": {k: self.prop(EMBOSSER, k) for k in ("Powered", "Alias", "Pairable")},
                 "run": run("nsenter", "-t", pids[-1], "-m", "touch", "/run/a-file")}
+
+    def bredr_no(self):
+        return self.pair(ui_answer=False)
 
     def pairing(self):
         return dict(self.pair(), answered=self.answered,
@@ -81,10 +90,20 @@ class Image(Board):
             for how in ("cancelled", "dropped") for share in (0.2, 0.7)],
             ("big.brf", document("big", 3 << 20)))
 
+    def disconnection(self):
+        mark = len(self.ui.signals)
+        self.obj(self.device(PHONE, EMBOSSER)).Disconnect(dbus_interface=DEVICE_IFACE, timeout=30)
+        wait_until(lambda: not self.sees(EMBOSSER, PHONE)["Connected"], 30, "the disconnection")
+        pump(2.0)
+        return {"ui": self.ui.signals[mark:], "embosser_sees_phone": self.sees(EMBOSSER, PHONE)}
+
     def routine(self):
-        """What the daemon and the receiver's agent (not obexd) logged since the pairing."""
+        """What the daemon and the receiver's agent (not obexd) logged since the boot's start-up
+        (before anew, whose folders gone for a moment are worth a line)."""
         return [[e["_SYSTEMD_UNIT"], int(e["PRIORITY"]), e["MESSAGE"]] for e in journal(
-            self.observations["boot"]["cursor"]) if e.get("_EXE") != OBEXD]
+            self.cursor) if e.get("_EXE") != OBEXD]
+
+    routine_rebooted = routine
 
     def anew(self):
         """The folders removed and made anew by systemd-tmpfiles, then a push."""
@@ -97,8 +116,36 @@ class Image(Board):
         run("modprobe", "hci_vhci")
         self.start_bluez(bluetoothd=False)
         self.registered()
+        self.cursor = journal()[-1]["__CURSOR"]
         self.set_up_phone(le=False)
         return self.pushes(("again.brf", document("again", 5000)))
+
+    def devices(self):
+        phone = [self.sees(EMBOSSER, PHONE)["Alias"], self.address(PHONE)]
+        listed, mark = self.ui.devices(), len(self.ui.received("BluetoothDevices"))
+        self.ui.call("forgetDevice", self.address(PHONE))
+        return {"phone": phone, "listed": listed,
+                "after_forget": self.ui.wait_signal("BluetoothDevices", mark + 1)[-1][0],
+                "embosser_sees_phone": self.sees(EMBOSSER, PHONE)}
+
+    def le_switch(self):
+        """The controllers go and come back LE-only (a controller reset, seen from the daemon)."""
+        self.kill("btvirt")
+        wait_until(lambda: EMBOSSER not in self.objects(), 30, "hci0 gone")
+        self.start_bluez("btvirt-le", bluetoothd=False)
+        self.set_up_phone(le=True)
+
+    def le_no(self):
+        return self.pair(ui_answer=False, forget=True)
+
+    def le_yes(self):
+        return self.pair(forget=True)
+
+    def le_keyboard(self):
+        return self.pair(phone_capability="KeyboardOnly", forget=True)
+
+    def le_no_io(self):
+        return self.pair(phone_capability="NoInputNoOutput", forget=True)
 
 
 def main():
