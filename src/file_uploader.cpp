@@ -9,13 +9,19 @@
 
 #include <algorithm>
 #include <chrono>
-#include <linux/ioprio.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
 
 namespace {
+
+// The kernel's I/O priority interface, written out here: some versions of <linux/ioprio.h> use
+// C++ keywords as parameter names and do not compile in C++.
+constexpr int IoprioWhoProcess = 1;
+constexpr int IoprioClassBestEffort = 2;
+constexpr int IoprioClassShift = 13;
+constexpr int IoprioLowest = 7;
 
 // A spool that could not take a file is asked again after a second, then less and less often.
 constexpr int FirstRetry = 1000;
@@ -66,7 +72,8 @@ void FileUploader::start()
     // Copying gives way to everything else the board does: a pairing question never waits for a
     // document. The lowest best-effort class still moves documents on a busy disk.
     setpriority(PRIO_PROCESS, pid_t(syscall(SYS_gettid)), 19);
-    syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_BE, 7));
+    syscall(SYS_ioprio_set, IoprioWhoProcess, 0,
+        IoprioClassBestEffort << IoprioClassShift | IoprioLowest);
     mHandover.removeHiddenCopies();
 }
 
