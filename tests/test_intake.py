@@ -279,16 +279,17 @@ def test_folders_moved_made_anew_or_mounted_over_are_followed(make_world):
     os.mkdir(world.sandbox.www)
     assert ui.wait_signal("TransferComplete", 2)[-1] == ["second.brf"]
     root = f"/proc/{world.agent.pid}/root/var/spool/lp/obex"
-    subprocess.run(["nsenter", "-t", str(world.agent.pid), "-m", "mount", "-t", "tmpfs",
-                    "late-data", "/var/spool/lp/obex"], check=True)
+    # In the daemon's mount namespace, and its root: inside a chroot, entering the namespace alone
+    # would leave the command at the namespace's own root.
+    inside = ["nsenter", "-t", str(world.agent.pid), "-m", "-r"]
+    subprocess.run(inside + ["mount", "-t", "tmpfs", "late-data", "/var/spool/lp/obex"], check=True)
     wait_until(lambda: os.listdir(root) == [], what="the new file system")
     with open(os.path.join(root, "third.brf"), "wb") as f:
         f.write(b"third")
     assert ui.wait_signal("TransferComplete", 3)[-1] == ["third.brf"]
     assert sorted(world.sandbox.spooled().values()) == [b"second", b"third"]
     # Removed for good: said once more.
-    subprocess.run(["nsenter", "-t", str(world.agent.pid), "-m", "umount", "/var/spool/lp/obex"],
-                   check=True)
+    subprocess.run(inside + ["umount", "/var/spool/lp/obex"], check=True)
     os.rmdir(world.sandbox.obex)
     wait_until(lambda: world.agent.lines().count(WATCH_ERROR) >= 2, what="the watch error again")
 
