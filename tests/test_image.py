@@ -104,7 +104,7 @@ def test_connection_status_and_devices(guest):
 
 
 @pytest.mark.parametrize("name, announced, sizes, aborted", [
-    ("documents", ["letter.brf", "big.brf"], [3000, 3 << 20], 4),
+    ("documents", ["letter.brf", "big.brf"], [3000, 3 << 20], 12),
     ("anew", ["anew.brf"], [5000], 0), ("rebooted", ["again.brf"], [5000], 0)])
 def test_whole_documents_print_and_broken_off_ones_never(guest, name, announced, sizes, aborted):
     # Each whole push is spooled with its content and announced; those cancelled or dropped
@@ -118,16 +118,20 @@ def test_whole_documents_print_and_broken_off_ones_never(guest, name, announced,
 
 def test_pairing_and_pushes_log_only_routine_lines(guest):
     # The daemon's questions at info, the file refused at err, and nothing else; the receiver's
-    # agent's account of each push at info.
-    for boot, questions_asked, pushes in (("routine", 2, (6, 2, 4)), ("routine_rebooted", 4,
+    # agent's account of each push at info. obexd 5.66 itself sometimes crashes when a phone walks
+    # away: the agent says so, and the unit starts both again.
+    for boot, questions_asked, pushes in (("routine", 2, (14, 2, 12)), ("routine_rebooted", 4,
                                                                       (1, 1, 0))):
-        lines = observed(guest, boot)
+        seen = observed(guest, boot)
+        lines, crashes = seen["lines"], seen["obexd_crashes"]
         daemon = [line[1:] for line in lines if line[0] == "bluetooth-agent.service"]
         asked = [line for line in daemon if line[1].startswith(
             "BluetoothPairingAgent: pairing_agent::")]
         refused = [[3, 'BluetoothAgentDaemon: uploadError: "wrong file type"']] * (boot == "routine")
         assert [p for p, _ in asked] == [6] * questions_asked and daemon == asked + refused, lines
-        told = collections.Counter((line[1], line[2].split(": ")[1]) for line in lines
-                                   if line[0] == "bluetooth-agent-obex.service")
-        assert told == {(6, what): count for what, count in zip(
-            ("push accepted", "published", "dropped"), pushes) if count}, lines
+        receiver = [line[1:] for line in lines if line[0] == "bluetooth-agent-obex.service"]
+        assert [text.startswith("BluetoothObexAgent: obexd ") for p, text in receiver
+                if p < 6] == [True] * crashes, lines
+        told = collections.Counter(text.split(": ")[1] for p, text in receiver if p == 6)
+        assert [told["push accepted"], told["published"], told["dropped"] + crashes] == list(
+            pushes), lines

@@ -63,7 +63,8 @@ def test_power_cuts(tmp_path):
         inputs = dict(qemu.programs(os.environ["BLUETOOTH_AGENT_BUILD_DIR"], __file__),
                       **{"plan.json": tmp_path / "plan.json"})
         guest.boot(inputs, disks=[(disk, False)], timeout=900, on_line=on_line)
-        assert cut is None or guest.cut_at is not None, f"boot {boot} ended before its cut"
+        assert cut is None or guest.cut_at is not None, f"boot {boot} ended before its cut:\n" + (
+            tmp_path / "console.log").read_text(errors="replace")[-3000:]
         findings.append(f"cut {CUTS[boot - 1]} after {len(announced)} announced: " * bool(boot)
                         + recovered(boot * BATCH, seen, documents))
         announced = seen["TransferComplete"]

@@ -98,7 +98,7 @@ class Board:
         if bluetoothd and "bluetoothd" not in self.procs:
             self.start("bluetoothd")
         self.start(controllers)
-        wait_until(lambda: self.address(EMBOSSER) and self.address(PHONE), 60, "hci0 and hci1")
+        wait_until(lambda: self.address(EMBOSSER) and self.address(PHONE), 180, "hci0 and hci1")
 
     def start_agent(self, **how):
         self.start("agent", **how)
@@ -234,9 +234,16 @@ class Board:
         try:
             wait_until(lambda: conn.name_has_owner(OBEX), 30, "the phone's obexd")
             client = conn.get_object(OBEX, "/org/bluez/obex")
-            session = client.CreateSession(
-                self.address(EMBOSSER), {"Target": "opp", "Source": self.address(PHONE)},
-                dbus_interface="org.bluez.obex.Client1", timeout=60)
+
+            def connect():
+                try:
+                    return client.CreateSession(
+                        self.address(EMBOSSER), {"Target": "opp", "Source": self.address(PHONE)},
+                        dbus_interface="org.bluez.obex.Client1", timeout=60)
+                except dbus.DBusException as e:  # a link just dropped: the phone tries again
+                    if "Connection refused" not in str(e):
+                        raise
+            session = wait_until(connect, 60, "the OBEX session")
             transfer = conn.get_object(OBEX, session).SendFile(
                 f"/tmp/{name}", dbus_interface="org.bluez.obex.ObjectPush1")[0]
             # The receiver stages the push under a name of its own; one push at a time here.

@@ -82,12 +82,15 @@ class Image(Board):
                     outsider=run("bluetooth-agentctl", "power", user="nobody"))
 
     def documents(self):
-        """A file of a type not printed, by hand; whole pushes around pushes cancelled or dropped
-        early and late."""
+        """A file of a type not printed, by hand; whole pushes around pushes cancelled, and the
+        phone walking away during small and multi-MiB pushes at several points."""
         run("sh", "-c", f"echo refused >{RECEIVE}/refused.exe")
+        drops = [(128 << 10, 0), (128 << 10, 0.5), (512 << 10, 0.5)] + [
+            (3 << 20, share) for share in (0, 0.05, 0.2, 0.4, 0.6, 0.8, 0.95)]
         return self.pushes(("letter.brf", document("letter", 3000)), *[
-            (f"{how}{share}.brf", document(how, 3 << 20), share, how == "cancelled")
-            for how in ("cancelled", "dropped") for share in (0.2, 0.7)],
+            (f"cancelled{share}.brf", document("cancelled", 3 << 20), share, True)
+            for share in (0.2, 0.7)], *[(f"dropped{i}.brf", document(i, size), share)
+                                        for i, (size, share) in enumerate(drops)],
             ("big.brf", document("big", 3 << 20)))
 
     def disconnection(self):
@@ -99,9 +102,12 @@ class Image(Board):
 
     def routine(self):
         """What the daemon and the receiver's agent (not obexd) logged since the boot's start-up
-        (before anew, whose folders gone for a moment are worth a line)."""
-        return [[e["_SYSTEMD_UNIT"], int(e["PRIORITY"]), e["MESSAGE"]] for e in journal(
-            self.cursor) if e.get("_EXE") != OBEXD]
+        (before anew, whose folders gone for a moment are worth a line), and how often obexd
+        crashed meanwhile."""
+        kernel = run("journalctl", "-k", "-o", "cat", "--after-cursor", self.cursor)[1]
+        return {"lines": [[e["_SYSTEMD_UNIT"], int(e["PRIORITY"]), e["MESSAGE"]] for e in journal(
+            self.cursor) if e.get("_EXE") != OBEXD], "obexd_crashes": sum(
+            "obexd[" in line and "segfault" in line for line in kernel.splitlines())}
 
     routine_rebooted = routine
 
