@@ -24,70 +24,46 @@ def ctl(world, *args):
                           text=True, timeout=60)
 
 
-class Monitor:
-    def __init__(self, world):
-        self.proc = subprocess.Popen(ctl_command() + ["monitor"], env=world.bus.env,
-                                     stdout=subprocess.PIPE, text=True)
-        self.lines = [self.proc.stdout.readline()]
-        assert re.match(STAMP + "watching bluetooth-agent$", self.lines[0])
-
-    def next(self):
-        self.lines.append(self.proc.stdout.readline())
-        assert re.match(STAMP, self.lines[-1]), self.lines
-        return self.lines[-1].split(" ", 1)[1].rstrip("\n")
-
-    def stop(self):
-        self.proc.kill()
-        self.proc.wait()
-
-
 def test_monitor_prints_each_signal_as_one_readable_line(make_world):
     world = make_world()
     world.bluez.add_device(PHONE, "Phone One", paired=True)
     world.start_agent().expect("BluetoothPairingAgent: pairing_agent::")
     ui = world.client()
-    monitor = Monitor(world)
+    monitor = subprocess.Popen(ctl_command() + ["monitor"], env=world.bus.env,
+                               stdout=subprocess.PIPE, text=True)
+
+    def shown():
+        line = monitor.stdout.readline()
+        assert re.match(STAMP, line), line
+        return line.split(" ", 1)[1].rstrip("\n")
+
     try:
+        assert shown() == "watching bluetooth-agent"
         ui.call_async("RequestConfirmation", PHONE_PATH, dbus.UInt32(4242))
-        assert monitor.next() == "RequestUserConfirmation passkey 004242"
+        assert shown() == "RequestUserConfirmation passkey 004242"
         ui.call_async("RequestPinCode", PHONE_PATH)
-        assert monitor.next() == "RequestUserPin"
+        assert shown() == "RequestUserPin"
         ui.call_async("Cancel")
-        assert monitor.next() == "RequestCancelled"
+        assert shown() == "RequestCancelled"
         ui.call_async("DisplayPasskey", PHONE_PATH, dbus.UInt32(4321), dbus.UInt16(0))
-        assert monitor.next() == "DisplayUserPasskey passkey 004321 entered 0"
+        assert shown() == "DisplayUserPasskey passkey 004321 entered 0"
         world.bluez.update_device(str(PHONE_PATH), Connected=True)
-        assert monitor.next() == 'ConnectionStatus "Phone One" connected'
+        assert shown() == 'ConnectionStatus "Phone One" connected'
         world.bluez.add_device("AA:BB:CC:DD:EE:02", 'The "Headset"')
-        assert monitor.next() == r'ConnectionStatus "The \"Headset\"" disconnected'
+        assert shown() == r'ConnectionStatus "The \"Headset\"" disconnected'
         ui.call("getDevices")
-        assert monitor.next() == f'BluetoothDevices "Phone One" {PHONE}'
+        assert shown() == f'BluetoothDevices "Phone One" {PHONE}'
         # A phone's text never makes a second line, nor reaches the terminal raw.
-        world.sandbox.drop("Brief für\nRequestUserPin\x1b[2J.brf", b"x")
-        assert monitor.next() == r'TransferComplete "Brief für\nRequestUserPin\u001b[2J.brf"'
+        world.sandbox.drop("Brief\\für\t\u202e\u2028\nRequestUserPin\x1b[2J.brf", b"x")
+        assert shown() == (r'TransferComplete "Brief\\für\t\u202e\u2028\nRequestUserPin'
+                                  r'\u001b[2J.brf"')
         ui.call("setPower", False)
-        assert monitor.next() == "PowerStateChanged off"
+        assert shown() == "PowerStateChanged off"
         world.agent.stop()
-        assert monitor.next() == "bluetooth-agent left the system bus"
+        assert shown() == "bluetooth-agent left the system bus"
     finally:
-        monitor.stop()
-
-
-def test_answers_reach_bluez(world, ui):
-    world.agent.expect("BluetoothPairingAgent: pairing_agent::")
-    for i, (question, args, values) in enumerate([
-            ("RequestConfirmation", ["confirm", "yes"], [True]),
-            ("RequestConfirmation", ["confirm", "no"], None),
-            ("RequestPinCode", ["pin", "0815"], ["0815"]),
-            ("RequestPinCode", ["pin", "--reject"], None)]):
-        extra = [dbus.UInt32(1)] if question == "RequestConfirmation" else []
-        reply = ui.call_async(question, PHONE_PATH, *extra)
-        ui.wait_signal("RequestUserConfirmation" if extra else "RequestUserPin", i % 2 + 1)
-        done = ctl(world, *args)
-        assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
-        reply.wait()
-        assert (reply.values, reply.error) == (values, None if values else
-                                               "org.bluez.Agent1.Rejected")
+        monitor.kill()
+        monitor.wait()
 
 
 def test_power_discoverability_devices_and_forgetting(paired_world):
@@ -107,17 +83,30 @@ def test_power_discoverability_devices_and_forgetting(paired_world):
     assert world.bluez.calls(ADAPTER_PATH, "RemoveDevice") == [[str(PHONE_PATH)]]
 
 
-def test_clear_errors(make_world):
+def test_answers_reach_bluez_and_errors_are_clear(make_world):
     world = make_world()
     done = ctl(world, "devices")
     assert done.returncode == 3 and "bluetooth-agent is not on the system bus" in done.stderr
-    world.start_agent()
+    world.start_agent().expect("BluetoothPairingAgent: pairing_agent::")
     ui = world.client()
     done = ctl(world, "devices")
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "no paired devices\n")
     for args in (["confirm", "yes"], ["pin", "0000"]):
         done = ctl(world, *args)
         assert done.returncode == 1 and "no pairing question is pending" in done.stderr
+    for i, (question, args, values) in enumerate([
+            ("RequestConfirmation", ["confirm", "yes"], [True]),
+            ("RequestConfirmation", ["confirm", "no"], None),
+            ("RequestPinCode", ["pin", "0815"], ["0815"]),
+            ("RequestPinCode", ["pin", "--reject"], None)]):
+        extra = [dbus.UInt32(1)] if question == "RequestConfirmation" else []
+        reply = ui.call_async(question, PHONE_PATH, *extra)
+        ui.wait_signal("RequestUserConfirmation" if extra else "RequestUserPin", i % 2 + 1)
+        done = ctl(world, *args)
+        assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+        reply.wait()
+        assert (reply.values, reply.error) == (values, None if values else
+                                               "org.bluez.Agent1.Rejected")
     done = ctl(world, "forget", "AA:BB:CC:DD:EE")
     assert done.returncode == 2 and "usage: bluetooth-agentctl forget ADDRESS" in done.stderr
     assert world.bluez.calls(ADAPTER_PATH, "RemoveDevice") == []

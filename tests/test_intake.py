@@ -74,24 +74,7 @@ def test_documents_are_spooled_once_in_order_and_the_rest_removed(world, ui):
         refused)
 
 
-def test_a_burst_of_files_while_the_daemon_is_stopped_overflows_nothing(world, ui):
-    # More events than the kernel queues (16384 by default): the overflow makes it look again.
-    count = 9000
-    os.kill(world.agent.pid, signal.SIGSTOP)
-    try:
-        for i in range(count):
-            world.sandbox.drop(f"burst-{i:04d}.txt", b"%d" % i)
-    finally:
-        os.kill(world.agent.pid, signal.SIGCONT)
-    ui.wait_signal("TransferComplete", count, timeout=600)
-    wait_until(lambda: world.sandbox.received() == [], 60, "an empty receive folder")
-    assert sorted(c for _, _, c in spooled_in_order(world.sandbox, count)) == sorted(
-        b"%d" % i for i in range(count))
-    pump(0.5)
-    assert len(ui.received("TransferComplete")) == count
-
-
-def test_a_restart_takes_what_came_meanwhile_and_clears_half_copies(make_world):
+def test_what_came_while_it_was_away_or_stopped_is_taken_and_half_copies_cleared(make_world):
     world = make_world()
     world.sandbox.drop("early.brf", b"early")
     unfinished = open(os.path.join(world.sandbox.obex, "unfinished.pdf"), "wb")
@@ -114,6 +97,21 @@ def test_a_restart_takes_what_came_meanwhile_and_clears_half_copies(make_world):
     os.remove(os.path.join(world.sandbox.www, ".spooler-state"))
     assert [c for _, _, c in spooled_in_order(world.sandbox, 2)] == [b"early",
                                                                      b"part one, part two"]
+    # More events than the kernel queues (16384 by default) while it is stopped: the overflow
+    # makes it look again.
+    count = 17000
+    os.kill(world.agent.pid, signal.SIGSTOP)
+    try:
+        for i in range(count):
+            world.sandbox.drop(f"burst-{i:05d}.txt", b"%d" % i)
+    finally:
+        os.kill(world.agent.pid, signal.SIGCONT)
+    ui.wait_signal("TransferComplete", count + 2, timeout=600)
+    wait_until(lambda: world.sandbox.received() == [], 60, "an empty receive folder")
+    assert sorted(c for _, _, c in spooled_in_order(world.sandbox, count + 2))[:count] == sorted(
+        b"%d" % i for i in range(count))
+    pump(0.5)
+    assert len(ui.received("TransferComplete")) == count + 2
 
 
 FILE_SETTLE = 0.5  # longer than the daemon lets a closed file settle
@@ -172,10 +170,6 @@ def test_writers_that_come_back_leave_only_whole_versions(world, ui, writer):
     assert world.sandbox.received() == []
 
 
-def set_immutable(path, on):
-    subprocess.run(["chattr", "+i" if on else "-i", path], check=True)
-
-
 def test_pipes_links_unremovable_and_busy_files_stall_nothing(world, ui, tmp_path):
     sandbox = world.sandbox
     world.agent.expect(OPEN_ERROR)
@@ -197,7 +191,7 @@ def test_pipes_links_unremovable_and_busy_files_stall_nothing(world, ui, tmp_pat
     with open(locked, "wb") as f:
         f.write(b"locked")
         f.flush()
-        set_immutable(locked, True)
+        subprocess.run(["chattr", "+i", locked], check=True)
     # A file its writer keeps open while closing it again and again from a second descriptor:
     # each close asks the daemon to look, and each look finds it still being written.
     busy_path = os.path.join(sandbox.obex, "busy.brf")
@@ -212,13 +206,12 @@ def test_pipes_links_unremovable_and_busy_files_stall_nothing(world, ui, tmp_pat
             os.close(os.open(locked, os.O_RDONLY))
         # At their usual pace: a tenth of a second per look at the busy file would take hours.
         ui.wait_signal("TransferComplete", 200, timeout=60)
-        assert b"root only" not in sandbox.spooled().values()
         assert set(sandbox.spooled().values()) == {b"after"}
         assert {"locked.brf", "trap.pdf", "busy.brf"} <= set(sandbox.received())
         if NATIVE:
             assert rss_kib(world.agent.pid) - rss < 16 << 10
     finally:
-        set_immutable(locked, False)
+        subprocess.run(["chattr", "-i", locked], check=True)
     # Once in order, their next close takes them.
     sandbox.drop("locked.brf", b"unlocked")
     busy.write(b"busy")
@@ -244,7 +237,9 @@ def test_a_document_the_spool_cannot_take_waits_without_holding_up_others(make_w
     with open(printing, "wb") as f:
         f.write(b"p" * (8 << 20))
     written = io_written(world.agent.pid)
-    big = b"B" * (12 << 20)
+    with open(f"/proc/{world.agent.pid}/clear_refs", "w", encoding="ascii") as f:
+        f.write("5")  # its peak memory counts from here
+    big = os.urandom(12 << 20)
     world.sandbox.drop("big.pdf", big)
     wait_until(lambda: SPOOL_ERROR in world.agent.lines(), what="the spool error")
     for i in range(10):
@@ -256,6 +251,9 @@ def test_a_document_the_spool_cannot_take_waits_without_holding_up_others(make_w
     assert ui.wait_signal("TransferComplete", 11)[-1] == ["big.pdf"]
     assert big in [open(os.path.join(spool, n), "rb").read() for n in os.listdir(spool)]
     assert io_written(world.agent.pid) - written < 2 * (len(big) + 50)
+    # Copied in pieces: never held whole, whatever its size.
+    if NATIVE:
+        assert rss_kib(world.agent.pid, "VmHWM:") - rss_kib(world.agent.pid) < len(big) >> 11
     assert world.agent.lines() == [SPOOL_ERROR]
 
 
@@ -292,26 +290,3 @@ def test_folders_moved_made_anew_or_mounted_over_are_followed(make_world):
     subprocess.run(inside + ["umount", "/var/spool/lp/obex"], check=True)
     os.rmdir(world.sandbox.obex)
     wait_until(lambda: world.agent.lines().count(WATCH_ERROR) >= 2, what="the watch error again")
-
-
-def test_a_file_larger_than_the_daemon_may_hold_in_memory(world, ui):
-    if not NATIVE:
-        pytest.skip("an address-space limit needs the daemon's own process (no emulator, no ASan)")
-    size = 1 << 30
-    with open(f"/proc/{world.agent.pid}/status", encoding="ascii") as f:
-        vm_size = int(next(line for line in f if line.startswith("VmSize:")).split()[1]) << 10
-    subprocess.run(["prlimit", f"--pid={world.agent.pid}", f"--as={vm_size + (256 << 20)}"],
-                   check=True)
-    path = os.path.join(world.sandbox.obex, "big.pdf")
-    with open(path, "wb") as f:  # sparse, with marks at both ends and around the middle
-        f.truncate(size)
-        for offset in (0, size // 2 - 7, size - 4096):
-            f.seek(offset)
-            f.write(hashlib.sha256(b"%d" % offset).digest() * 128)
-    with open(path, "rb") as f:
-        expected = hashlib.file_digest(f, "sha256").hexdigest()
-    assert ui.wait_signal("TransferComplete", timeout=300) == [["big.pdf"]]
-    [name] = os.listdir(world.sandbox.www)
-    with open(os.path.join(world.sandbox.www, name), "rb") as f:
-        assert hashlib.file_digest(f, "sha256").hexdigest() == expected
-    assert world.sandbox.received() == []

@@ -6,8 +6,6 @@ asked through a signal and answers, and BlueZ gets the reply."""
 import dbus
 import pytest
 
-from simenv import pump
-
 PHONE = dbus.ObjectPath("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01")
 REJECTED = "org.bluez.Agent1.Rejected"
 LOGGED = "BluetoothPairingAgent: pairing_agent::"
@@ -25,10 +23,7 @@ def ask(ui, method, *args, timeout=30):
 
 @pytest.mark.parametrize("method, args, answer, values", [
     ("RequestConfirmation", [dbus.UInt32(123456)], ("userConfirmation", True), [True]),
-    ("RequestConfirmation", [dbus.UInt32(123456)], ("userConfirmation", False), None),
-    ("RequestPinCode", [], ("userSuppliedPin", True, "0000"), ["0000"]),
     ("RequestPinCode", [], ("userSuppliedPin", True, ""), [""]),
-    ("RequestPinCode", [], ("userSuppliedPin", False, "1234"), None),
     # The answer serves whatever question is pending: BlueZ gets a boolean for a PIN.
     ("RequestPinCode", [], ("userConfirmation", True), [True]),
 ])
@@ -39,12 +34,11 @@ def test_questions_go_to_the_user_and_the_answers_back(world, ui, method, args, 
         assert ui.received("RequestUserConfirmation") == [[123456]]
     ui.call(*answer)
     reply.wait()
-    assert (reply.values, reply.error, reply.message) == (
-        (values, None, None) if values else (None, REJECTED, "Rejected"))
+    assert (reply.values, reply.error) == (values, None)
     assert world.agent.lines() == [LOGGED + method + " " + PHONE + (" 123456" if args else "")]
 
 
-def test_only_the_latest_question_can_be_answered(world, ui):
+def test_only_the_latest_question_can_be_answered_and_a_cancelled_one_by_nobody(world, ui):
     world.agent.expect(LOGGED + "RequestConfirmation")
     # No question yet: the answers reach nobody, the user interface is told so, and the daemon
     # goes on.
@@ -54,24 +48,18 @@ def test_only_the_latest_question_can_be_answered(world, ui):
     first = ask(ui, "RequestConfirmation", dbus.UInt32(111111), timeout=3)
     second = ask(ui, "RequestConfirmation", dbus.UInt32(222222))
     ui.call("userConfirmation", False)
-    assert second.wait().error == REJECTED
-    # The first is left to BlueZ's own time-out; a second answer goes to the answered question.
-    assert first.wait(10).error == "org.freedesktop.DBus.Error.NoReply"
+    assert (second.wait().error, second.message) == (REJECTED, "Rejected")
+    # A second answer goes to the answered question, unseen.
     ui.call("userConfirmation", True)
-    pump()  # a signal would have come before the reply
-    assert len(ui.received("RequestCancelled")) == 2
-
-
-def test_a_cancelled_question_ends_for_the_user_and_takes_no_late_answer(world, ui):
-    world.agent.expect(LOGGED + "RequestConfirmation")
-    question = ask(ui, "RequestConfirmation", dbus.UInt32(333333), timeout=3)
+    third = ask(ui, "RequestConfirmation", dbus.UInt32(333333), timeout=3)
     # BlueZ's Cancel is refused as a call, but ends the question.
     cancel = ui.call_async("Cancel").wait()
     assert (cancel.error, cancel.message) == (REJECTED, "Rejected")
-    ui.wait_signal("RequestCancelled")
+    ui.wait_signal("RequestCancelled", 3)
     ui.call("userConfirmation", True)
-    assert question.wait(10).error == "org.freedesktop.DBus.Error.NoReply"
-    ui.wait_signal("RequestCancelled", 2)
+    # The first and the cancelled one are left to BlueZ's own time-out.
+    assert first.wait(10).error == third.wait(10).error == "org.freedesktop.DBus.Error.NoReply"
+    assert len(ui.received("RequestCancelled")) == 4
 
 
 @pytest.mark.parametrize("method, args, values, error, line", [
@@ -91,17 +79,6 @@ def test_calls_answered_at_once(world, ui, method, args, values, error, line):
     assert logged == ([LOGGED + line] if line else [])
     # Only a passkey to type on the other device is for the user to see.
     assert ui.signals == ([("DisplayUserPasskey", [4321, 2])] if method == "DisplayPasskey" else [])
-
-
-def test_silenced_log_changes_nothing_else(make_world):
-    world = make_world()
-    world.start_agent(env={"QT_LOGGING_RULES": "BluetoothPairingAgent.critical=false"})
-    ui = world.client()
-    reply = ask(ui, "RequestConfirmation", dbus.UInt32(42))
-    ui.call("userConfirmation", True)
-    assert reply.wait().values == [True]
-    assert ui.call_async("RequestPasskey", PHONE).wait().values == [0]
-    assert world.agent.lines() == []
 
 
 HUGE = "x" * (1 << 20)
