@@ -9,6 +9,7 @@ goes to ../test_image.py, which judges."""
 import json
 import os
 import subprocess
+from functools import partialmethod
 
 from board import EMBOSSER, OBEXD, PHONE, RECEIVE, SPOOL, Board, document
 from simenv import DEVICE_IFACE, pump, wait_until, watching
@@ -74,9 +75,6 @@ class Image(Board):
                 "embosser": {k: self.prop(EMBOSSER, k) for k in ("Powered", "Alias", "Pairable")},
                 "run": run("nsenter", "-t", pids[-1], "-m", "touch", "/run/a-file")}
 
-    def bredr_no(self):
-        return self.pair(ui_answer=False)
-
     def pairing(self):
         return dict(self.pair(), answered=self.answered,
                     outsider=run("bluetooth-agentctl", "power", user="nobody"))
@@ -103,13 +101,18 @@ class Image(Board):
     def routine(self):
         """What the daemon and the receiver's agent (not obexd) logged since the boot's start-up
         (before anew, whose folders gone for a moment are worth a line), and how often obexd
-        crashed meanwhile."""
-        kernel = run("journalctl", "-k", "-o", "cat", "--after-cursor", self.cursor)[1]
+        crashed in this boot (the kernel's log)."""
+        kernel = run("dmesg")[1]
         return {"lines": [[e["_SYSTEMD_UNIT"], int(e["PRIORITY"]), e["MESSAGE"]] for e in journal(
             self.cursor) if e.get("_EXE") != OBEXD], "obexd_crashes": sum(
             "obexd[" in line and "segfault" in line for line in kernel.splitlines())}
 
     routine_rebooted = routine
+    bredr_no = partialmethod(Board.pair, ui_answer=False)
+    le_no = partialmethod(Board.pair, ui_answer=False, forget=True)
+    le_yes = partialmethod(Board.pair, forget=True)
+    le_keyboard = partialmethod(Board.pair, phone_capability="KeyboardOnly", forget=True)
+    le_no_io = partialmethod(Board.pair, phone_capability="NoInputNoOutput", forget=True)
 
     def anew(self):
         """The folders removed and made anew by systemd-tmpfiles, then a push."""
@@ -140,18 +143,6 @@ class Image(Board):
         wait_until(lambda: EMBOSSER not in self.objects(), 30, "hci0 gone")
         self.start_bluez("btvirt-le", bluetoothd=False)
         self.set_up_phone(le=True)
-
-    def le_no(self):
-        return self.pair(ui_answer=False, forget=True)
-
-    def le_yes(self):
-        return self.pair(forget=True)
-
-    def le_keyboard(self):
-        return self.pair(phone_capability="KeyboardOnly", forget=True)
-
-    def le_no_io(self):
-        return self.pair(phone_capability="NoInputNoOutput", forget=True)
 
 
 def main():
