@@ -54,7 +54,7 @@ def test_power_cuts(tmp_path):
             word, _, rest = line.partition(" ")
             if word == "agent:":
                 daemon_log.append(rest)
-            elif word in ("spool", "receive", "TransferComplete"):
+            elif word in ("spool", "receive", "listed", "TransferComplete"):
                 seen[word].append(rest.split())
                 count = len(seen["TransferComplete"])
                 if count == BATCH // 2 and cut == "mid" or count == BATCH and cut != "mid":
@@ -63,8 +63,10 @@ def test_power_cuts(tmp_path):
         inputs = dict(qemu.programs(os.environ["BLUETOOTH_AGENT_BUILD_DIR"], __file__),
                       **{"plan.json": tmp_path / "plan.json"})
         guest.boot(inputs, disks=[(disk, False)], timeout=900, on_line=on_line)
-        assert cut is None or guest.cut_at is not None, f"boot {boot} ended before its cut:\n" + (
-            tmp_path / "console.log").read_text(errors="replace")[-3000:]
+        # A guest that failed before it listed both folders would look as if all were lost.
+        assert seen["listed"] and (cut is None or guest.cut_at is not None), (
+            f"boot {boot} did not list both folders, or ended before its cut:\n"
+            + (tmp_path / "console.log").read_text(errors="replace")[-3000:])
         findings.append(f"cut {CUTS[boot - 1]} after {len(announced)} announced: " * bool(boot)
                         + recovered(boot * BATCH, seen, documents))
         announced = seen["TransferComplete"]
@@ -108,6 +110,7 @@ def main():
         for label, folder in (("spool", SPOOL), ("receive", RECEIVE)):
             for name, (size, sha) in listing(folder).items():
                 print(label, name, size, sha, flush=True)
+        print("listed", flush=True)
         if plan["last"]:
             return
         board.ui.conn.add_signal_receiver(

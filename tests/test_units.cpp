@@ -2,22 +2,16 @@
 // SPDX-License-Identifier: MIT
 
 #include "command_line.h"
-#include "pairing_agent.h"
 #include "receive_folder.h"
 
 #include <QtTest>
 
-// Rules of the daemon, the control tool and the OBEX agent that need no bus, no root, no files.
+// Rules of the control tool and the OBEX agent that need no bus, no root, no files.
 class UnitsTest : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void addressFromAPathWithoutSlash()
-    {
-        QCOMPARE(PairingAgent::addressFromPath("dev_AA_BB"), QString("AA:BB"));
-    }
-
     void commandLinesAreCheckedBeforeAnythingIsSent()
     {
         const Command help = parseCommandLine({ "forget", "--help" });

@@ -103,7 +103,7 @@ class Board:
     def start_agent(self, **how):
         self.start("agent", **how)
         # Ready once its start-up ended with the watch on the receive folder.
-        wait_until(lambda: watching(self.procs["agent"].pid), 60, "bluetooth-agent")
+        wait_until(lambda: watching(self.procs["agent"].pid), 180, "bluetooth-agent")
 
     def obj(self, path):
         return self.bus.get_object("org.bluez", path, introspect=False)
@@ -261,10 +261,11 @@ class Board:
                 proc.wait()
 
     def pushes(self, *pushes):
-        """The paired phone sends each push (push's arguments) in turn. Returns how each ended,
-        what the user interface was told and the two folders, once the spool has the last."""
+        """The paired phone sends each push (push's arguments) in turn. Returns each one's name,
+        how it ended and what it sent, what the user interface was told and the two folders, once
+        the spool has the last."""
         mark, before = len(self.ui.signals), listing(SPOOL)
-        sent = [[self.push(*push), checksum(push[1])] for push in pushes]
+        sent = [[push[0], self.push(*push), checksum(push[1])] for push in pushes]
         wait_until(lambda: [pushes[-1][0]] in self.ui.received("TransferComplete"), 60,
                    "the spool taking the last push")
         return {"sent": sent, "receive_folder": listing(RECEIVE),

@@ -33,7 +33,6 @@ def programs(build, scenario):
     """The inputs of a shell-init guest that runs the script scenario with the build's programs
     and the in-guest library."""
     return {"bluetooth-agent": f"{build}/src/bluetooth-agent",
-            "bluetooth-agentctl": f"{build}/ctl/bluetooth-agentctl",
             "com.quorvane.BluetoothAgent.conf": f"{build}/data/com.quorvane.BluetoothAgent.conf",
             "init": f"{HERE}/init", "board.py": f"{HERE}/board.py", "guest.py": f"{HERE}/guest.py",
             "simenv.py": f"{TOP}/tools/simenv.py", "scenario.py": scenario}
