@@ -1,10 +1,9 @@
 # SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
 # SPDX-License-Identifier: MIT
-"""The package on a board: built from the tree (lintian included) and installed with apt in a
-Debian 12 guest under qemu that boots with systemd as PID 1, which starts bluetoothd, the daemon
-and the OBEX receiver. The guest plays each boot (guest/image.py), the user interface and a phone
-on hci1; each test judges a part, of the phone only ("Phone"), since the one bluetoothd also tells
-of the embosser as the phone's controller sees it."""
+"""The package on a board: built from the tree (lintian included), installed with apt in a Debian
+12 guest under qemu whose systemd starts bluetoothd, the daemon and the OBEX receiver. The guest
+(guest/image.py) plays each boot, the user interface and a phone on hci1; the tests judge what
+concerns the phone ("Phone"): the one bluetoothd also tells of the embosser as the phone sees it."""
 
 import collections
 import json

@@ -63,9 +63,8 @@ def test_power_cuts(tmp_path):
         inputs = dict(qemu.programs(os.environ["BLUETOOTH_AGENT_BUILD_DIR"], __file__),
                       **{"plan.json": tmp_path / "plan.json"})
         guest.boot(inputs, disks=[(disk, False)], timeout=900, on_line=on_line)
-        # A guest that failed before it listed both folders would look as if all were lost.
         assert seen["listed"] and (cut is None or guest.cut_at is not None), (
-            f"boot {boot} did not list both folders, or ended before its cut:\n"
+            f"boot {boot} failed before it listed both folders, or ended before its cut:\n"
             + (tmp_path / "console.log").read_text(errors="replace")[-3000:])
         findings.append(f"cut {CUTS[boot - 1]} after {len(announced)} announced: " * bool(boot)
                         + recovered(boot * BATCH, seen, documents))

@@ -94,11 +94,18 @@ class Board:
         self.procs.pop(name).wait(30)
 
     def start_bluez(self, controllers="btvirt", bluetoothd=True):
-        """The controllers, and bluetoothd unless it runs already or is not ours to start."""
+        """The controllers, and bluetoothd unless it runs already or is not ours to start. On a
+        loaded guest the kernel may give up on a controller (its reset timed out): made again."""
         if bluetoothd and "bluetoothd" not in self.procs:
             self.start("bluetoothd")
-        self.start(controllers)
-        wait_until(lambda: self.address(EMBOSSER) and self.address(PHONE), 180, "hci0 and hci1")
+        for _ in range(3):
+            self.start(controllers)
+            try:
+                return wait_until(lambda: self.address(EMBOSSER) and self.address(PHONE), 60,
+                                  "hci0 and hci1")
+            except TimeoutError:
+                self.kill(controllers)
+        raise TimeoutError("hci0 and hci1 never came up")
 
     def start_agent(self, **how):
         self.start("agent", **how)
@@ -261,9 +268,8 @@ class Board:
                 proc.wait()
 
     def pushes(self, *pushes):
-        """The paired phone sends each push (push's arguments) in turn. Returns each one's name,
-        how it ended and what it sent, what the user interface was told and the two folders, once
-        the spool has the last."""
+        """The paired phone sends each push in turn. Returns each one's name, how it ended and what
+        it sent, what the user interface heard and both folders, once the spool has the last."""
         mark, before = len(self.ui.signals), listing(SPOOL)
         sent = [[push[0], self.push(*push), checksum(push[1])] for push in pushes]
         wait_until(lambda: [pushes[-1][0]] in self.ui.received("TransferComplete"), 60,

@@ -30,8 +30,7 @@ def image():
 
 
 def programs(build, scenario):
-    """The inputs of a shell-init guest that runs the script scenario with the build's programs
-    and the in-guest library."""
+    """The inputs of a shell-init guest: the build's programs, the in-guest library, scenario."""
     return {"bluetooth-agent": f"{build}/src/bluetooth-agent",
             "com.quorvane.BluetoothAgent.conf": f"{build}/data/com.quorvane.BluetoothAgent.conf",
             "init": f"{HERE}/init", "board.py": f"{HERE}/board.py", "guest.py": f"{HERE}/guest.py",

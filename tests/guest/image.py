@@ -99,9 +99,8 @@ class Image(Board):
         return {"ui": self.ui.signals[mark:], "embosser_sees_phone": self.sees(EMBOSSER, PHONE)}
 
     def routine(self):
-        """What the daemon and the receiver's agent (not obexd) logged since the boot's start-up
-        (before anew, whose folders gone for a moment are worth a line), and how often obexd
-        crashed in this boot (the kernel's log)."""
+        """What the daemon and the receiver's agent (not obexd) logged since the start-up (before
+        anew: folders gone for a moment are worth a line); how often obexd crashed (dmesg)."""
         kernel = run("dmesg")[1]
         return {"lines": [[e["_SYSTEMD_UNIT"], int(e["PRIORITY"]), e["MESSAGE"]] for e in journal(
             self.cursor) if e.get("_EXE") != OBEXD], "obexd_crashes": sum(
