@@ -54,8 +54,7 @@ def size(pattern):
 
 
 class PhoneAgent(dbus.service.Object):
-    """The phone's pairing agent: its user says yes, and it records what it was asked (what else
-    bluetoothd may ask it is BlueZ's business, not the embosser's)."""
+    """The phone's pairing agent: its user says yes, and it records what it was asked."""
 
     def __init__(self, conn):
         super().__init__(conn, "/phone/agent")
@@ -74,8 +73,7 @@ class PhoneAgent(dbus.service.Object):
 
 class Board:
     """The embosser's programs, each logging to its own file in RESULTS unless told otherwise,
-    the user interface (a client of the daemon), the phone and what the guest saw, scenario by
-    scenario."""
+    the user interface, the phone and what the guest saw, scenario by scenario."""
 
     def __init__(self):
         self.procs, self.observations = {}, {}
@@ -153,22 +151,26 @@ class Board:
         self.le = le
 
     def discover_embosser(self):
-        """The phone searches until it sees the embosser, which the user interface shows."""
-        self.ui.call("SetDiscoverable", True)
-        if self.le:
-            subprocess.run(["btmgmt", "--index", "0", "advertising", "on"], capture_output=True,
-                           timeout=30)
+        """The phone searches until it sees the embosser, which the user interface shows; over LE
+        the embosser advertises anew each time (a connection may have ended its advertising)."""
         target = self.device(PHONE, EMBOSSER)
-        if target not in self.objects():
-            adapter = dbus.Interface(self.obj(PHONE), ADAPTER_IFACE)
-            adapter.SetDiscoveryFilter({"Transport": "le" if self.le else "bredr"},
-                                       signature="a{sv}")
+        adapter = dbus.Interface(self.obj(PHONE), ADAPTER_IFACE)
+        adapter.SetDiscoveryFilter({"Transport": "le" if self.le else "bredr"}, signature="a{sv}")
+        for _ in range(3):
+            self.ui.call("SetDiscoverable", True)
+            for state in ("off", "on") if self.le else ():
+                subprocess.run(["btmgmt", "--index", "0", "advertising", state],
+                               capture_output=True, timeout=30)
+            if target in self.objects():
+                return target
             adapter.StartDiscovery()
             try:
-                wait_until(lambda: target in self.objects(), 60, "the embosser in the search")
+                return wait_until(lambda: target in self.objects() and target, 30, "the embosser")
+            except TimeoutError:
+                pass
             finally:
                 adapter.StopDiscovery()
-        return target
+        raise TimeoutError("the embosser never showed in the phone's search")
 
     def forget_both(self):
         """Both sides forget the pairing: the embosser through the user interface."""
@@ -219,10 +221,9 @@ class Board:
                 "phone_sees_embosser": self.sees(PHONE, EMBOSSER)}
 
     def push(self, name, data, drop_at=None, cancel=False):
-        """The phone sends data as name, from an obexd of its own (its client once crashed on a
-        second cancel in one process). Once the receiver has the share drop_at of it, the phone
-        walks away (its obexd killed), or with cancel its user gives up (the transfer cancelled,
-        the session ended). Returns the transfer's last status."""
+        """The phone sends data as name, from an obexd of its own (one client crashed on a second
+        cancel). Once the receiver has the share drop_at of it, the phone walks away (its obexd
+        killed), or with cancel its user cancels and ends the session. Returns the last status."""
         with open(f"/tmp/{name}", "wb") as f:
             f.write(data)
         # The phone's obexd offers Object Push too: the receiver's must be registered first.

@@ -2,9 +2,8 @@
 # SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
 # SPDX-License-Identifier: MIT
 """The image guest, which systemd runs at every boot: the package installed with apt, the board's
-first boot with it, the board rebooted; the user interface and a phone on hci1 against the real
-bluetoothd, over BR/EDR and then LE. What each boot saw stays on the disk across the reboots and
-goes to ../test_image.py, which judges."""
+first boot, the board rebooted; the user interface and a phone on hci1 against the real bluetoothd,
+over BR/EDR, then LE. What each boot saw stays on the disk for ../test_image.py, which judges."""
 
 import json
 import os
