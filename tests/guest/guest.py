@@ -52,11 +52,10 @@ class Guest:
         self.workdir, self.qemu, self.cut_at = str(workdir), None, None
 
     def boot(self, inputs, disks=(), init="/sbin/guest-boot", timeout=1200, on_line=None):
-        """Boots the guest and waits for its end. inputs: name -> path; disks: extra raw disks as
-        (path, snapshot) pairs (one that is no snapshot keeps what reached it, qemu's default
-        cache=writeback playing the disk's cache); init: the kernel's init (the default runs the
-        inputs' init; None boots systemd, which runs it as a unit at every boot: such a guest may
-        reboot, and ends when it powers off). Each console line goes to on_line as it comes, which
+        """Boots the guest and waits for its end. inputs: name -> path; disks: more raw disks as
+        (path, snapshot) (no snapshot keeps what reached it, qemu's cache=writeback the disk's
+        cache); init: the default runs the inputs' init, None boots systemd, which runs it at
+        every boot (the guest ends when it powers off). Each console line goes to on_line, which
         may call cut(). Returns the guest's results (name -> bytes), none if it was cut."""
         root, kernel, initrd = image()
         with tarfile.open(f"{self.workdir}/inputs.tar", "w") as tar:
@@ -101,7 +100,6 @@ class Guest:
         return {name: open(f"{kept}/{name}", "rb").read() for name in os.listdir(kept)}
 
     def cut(self, after=0.0):
-        """Cuts the guest's power (qemu killed with SIGKILL) that many seconds from now: what it
-        had not handed to its disks is lost."""
+        """Cuts the power (SIGKILL to qemu) after that many seconds: what no disk had is lost."""
         self.cut_at = after
         threading.Timer(after, self.qemu.kill).start()
