@@ -7,11 +7,13 @@ declare with agent.expect(); the daemon's log is shown when a test fails."""
 import os
 import sys
 
+import dbus
 import pytest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "tools"))
 
 import simenv  # noqa: E402
+from simenv import ADAPTER_IFACE, ADAPTER_PATH, MOCK_IFACE, unwrap  # noqa: E402
 
 # The one line the daemon writes on purpose without being asked: the agent's forward of a shown
 # PIN names no method (data/com.quorvane.BluetoothAgent.md).
@@ -47,13 +49,103 @@ def pytest_sessionfinish(session, exitstatus):
         session.exitstatus = pytest.ExitCode.TESTS_FAILED
 
 
+
+class Bluez(simenv.Bluez):
+    """The simulated BlueZ as a test drives it: refusals, signals typed rightly or not, and the
+    log of the calls it served."""
+
+    def adapter_property(self, name):
+        return unwrap(self.obj(ADAPTER_PATH).Get(ADAPTER_IFACE, name,
+                                                 dbus_interface=dbus.PROPERTIES_IFACE))
+
+    def set_adapter_properties(self, **props):
+        self.obj(ADAPTER_PATH).UpdateProperties(ADAPTER_IFACE, props, dbus_interface=MOCK_IFACE)
+
+    def emit(self, path, interface, member, signature, args):
+        """Sends a signal from BlueZ's own connection, typed as given, rightly or not."""
+        self.obj(path).EmitSignal(interface, member, signature, args, dbus_interface=MOCK_IFACE)
+
+    def announce(self, path, interfaces):
+        """Announces an object with these interfaces (InterfacesAdded on /)."""
+        self.emit("/", "org.freedesktop.DBus.ObjectManager", "InterfacesAdded", "oa{sa{sv}}",
+                  [dbus.ObjectPath(path), dbus.Dictionary(interfaces, signature="sa{sv}")])
+
+    def emit_changed(self, path, interface, changed):
+        """One PropertiesChanged of path holding exactly changed."""
+        self.emit(path, dbus.PROPERTIES_IFACE, "PropertiesChanged", "sa{sv}as",
+                  [interface, dbus.Dictionary(changed, signature="sv"),
+                   dbus.Array([], signature="s")])
+
+    def fail_method(self, path, interface, method, in_sig, condition="True",
+                    fallback="DBusMockObject.{method}(self, *args)"):
+        """Makes a BlueZ method answer org.bluez.Error.Failed when condition holds on args."""
+        code = (f"if {condition}:\n"
+                f"    raise dbus.exceptions.DBusException('refused by the test',"
+                f" name='org.bluez.Error.Failed')\n"
+                f"{fallback.format(method=method)}\n")
+        self.obj(path).AddMethod(interface, method, in_sig, "", code, dbus_interface=MOCK_IFACE)
+
+    def log(self):
+        """The calls served so far, oldest first, without their time stamps."""
+        with open(self.log_path, encoding="utf-8", errors="replace") as f:
+            return [line.split(" ", 1)[1].rstrip("\n") for line in f if " " in line]
+
+
+def normalized(line):
+    return " ".join(line.replace('"', "").split())
+
+
+class Agent(simenv.Agent):
+    """The daemon with the log lines its test expects."""
+
+    def __init__(self, *args):
+        super().__init__(*args)
+        self.expected = set()
+
+    def lines(self):
+        """The log's lines as text and order tell them: runs of spaces and the quotes that the
+        log stream puts around strings do not count."""
+        return [normalized(line) for line in self.log().splitlines()]
+
+    def expect(self, *lines):
+        """Declares the log lines (as lines() gives them, or their beginnings) that the test
+        expects to see."""
+        self.expected.update(normalized(line) for line in lines)
+        return self
+
+    def unexpected(self, allowed=()):
+        """The log lines that were neither expected nor allowed."""
+        known = tuple(self.expected) + tuple(allowed)
+        return [line for line in self.lines() if not line.startswith(known)]
+
+    def wait_exit(self, timeout=30.0):
+        return self.proc.wait(timeout)
+
+
+class World(simenv.World):
+    Bluez, Agent = Bluez, Agent
+
+
+def spooled(sandbox):
+    """The print spool as the spooler sees it: visible file name -> content."""
+    files = {}
+    for name in os.listdir(sandbox.www):
+        try:
+            if not name.startswith("."):
+                with open(os.path.join(sandbox.www, name), "rb") as f:
+                    files[name] = f.read()
+        except FileNotFoundError:
+            pass  # printed and removed meanwhile
+    return files
+
+
 @pytest.fixture
 def make_world():
     """Builds worlds (bus, BlueZ, sandbox) on demand; the daemon is started by the test."""
     worlds = []
 
     def make(**kwargs):
-        worlds.append(simenv.World(**kwargs))
+        worlds.append(World(**kwargs))
         return worlds[-1]
 
     yield make

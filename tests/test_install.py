@@ -4,16 +4,17 @@
 and the bus policy on a bus that carries the system's default policy. The units are tested as
 they run, in the image group."""
 
+import grp
 import os
 import re
+import shutil
 import subprocess
 import xml.etree.ElementTree as ET
 
 import dbus
 import pytest
 
-import simenv
-from simenv import AGENT_PATH, AGENT_SERVICE, as_user, pump
+from simenv import AGENT_IFACE, AGENT_PATH, AGENT_SERVICE, pump
 
 README = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "README.md")
 BUILD_DIR = os.environ.get("BLUETOOTH_AGENT_BUILD_DIR", "")
@@ -69,11 +70,55 @@ SAMPLES = {"getPower": [], "setPower": ["boolean:true"], "SetDiscoverable": ["bo
            "AuthorizeService": [PHONE, "string:uuid"], "Cancel": []}
 
 
+BLUEZ_POLICY = """<busconfig>
+  <policy user="root"><allow own="org.bluez"/><allow send_destination="org.bluez"/></policy>
+</busconfig>
+"""
+
+
+def guarded_bus_config(policy_dir):
+    """A bus config: the system bus's own default policy, BlueZ's usual root rights, and the
+    installed file."""
+    system_conf = open("/usr/share/dbus-1/system.conf", encoding="utf-8").read()
+    default_policy = re.search(r'<policy context="default">.*?</policy>', system_conf, re.S)[0]
+
+    def config(workdir):
+        os.makedirs(f"{workdir}/bluez-policy")
+        with open(f"{workdir}/bluez-policy/bluez.conf", "w", encoding="utf-8") as f:
+            f.write(BLUEZ_POLICY)
+        return f"""<busconfig>
+  <type>system</type>
+  <listen>unix:tmpdir={workdir}</listen>
+  <auth>EXTERNAL</auth>
+  {default_policy}
+  <includedir>{policy_dir}</includedir>
+  <includedir>{workdir}/bluez-policy</includedir>
+</busconfig>
+"""
+    return config
+
+
+def ui_group(name, tmp_path):
+    """The user-interface group's id, and how to start a bus that knows it. A group missing on
+    this machine is added to a copy of /etc/group that only the bus sees."""
+    try:
+        return grp.getgrnam(name).gr_gid, ()
+    except KeyError:
+        pass
+    gid = next(g for g in range(4242, 60000) if g not in {e.gr_gid for e in grp.getgrall()})
+    group_file = tmp_path / "group"
+    shutil.copy("/etc/group", group_file)
+    with open(group_file, "a", encoding="utf-8") as f:
+        f.write(f"{name}:x:{gid}:\n")
+    return gid, ("unshare", "--mount", "--propagation", "private", "sh", "-c",
+                 'mount --bind "$0" /etc/group && exec "$@"', str(group_file))
+
+
 @pytest.fixture
 def guarded(make_world, installed, tmp_path):
-    gid, launcher = simenv.ui_group(UI_GROUP, tmp_path)
+    gid, launcher = ui_group(UI_GROUP, tmp_path)
     policy_dir = installed / PREFIX.lstrip("/") / "share" / "dbus-1" / "system.d"
-    world = make_world(bus_config=simenv.guarded_bus_config(policy_dir), bus_launcher=launcher)
+    world = make_world(bus_config=guarded_bus_config(policy_dir), bus_launcher=launcher)
     os.chmod(world.workdir, 0o755)  # other users must reach the bus socket
     world.ui_gid = gid
     # With the pairing log silenced, as an integrator may: it changes nothing else.
@@ -86,7 +131,9 @@ def as_peer(world, groups, command, **kwargs):
     sanitized run's options go along."""
     env = {k: v for k, v in os.environ.items() if k in ("PATH", "ASAN_OPTIONS", "UBSAN_OPTIONS")}
     env["DBUS_SYSTEM_BUS_ADDRESS"] = world.bus.address
-    return subprocess.Popen(as_user(groups) + command, env=env, text=True, stdout=subprocess.PIPE,
+    group_args = [f"--groups={','.join(map(str, groups))}"] if groups else ["--clear-groups"]
+    return subprocess.Popen(["setpriv", "--reuid=nobody", "--regid=nogroup", *group_args,
+                             *command], env=env, text=True, stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE, **kwargs)
 
 
@@ -97,7 +144,7 @@ def answers(world, groups, methods):
                                            "--reply-timeout=5000", f"--dest={dest}", path,
                                            member, *args]).communicate(timeout=60)
         return err.split()[1].rstrip(":") if err.startswith("Error ") else "ok"
-    found = {m: call(f"{simenv.AGENT_IFACE}.{m}", SAMPLES[m]) for m in methods}
+    found = {m: call(f"{AGENT_IFACE}.{m}", SAMPLES[m]) for m in methods}
     found["Introspect"] = call("org.freedesktop.DBus.Introspectable.Introspect", [])
     found["own"] = call("org.freedesktop.DBus.RequestName", [f"string:{AGENT_SERVICE}", "uint32:4"],
                         "org.freedesktop.DBus", "/org/freedesktop/DBus")

@@ -14,7 +14,7 @@ import time
 
 import pytest
 
-from conftest import NATIVE, rss_kib
+from conftest import NATIVE, rss_kib, spooled
 from simenv import pump, wait_until
 
 PREFIX = '\\"bluetooth-agent\\"'  # backslash, quote, bluetooth-agent, backslash, quote
@@ -25,7 +25,7 @@ WATCH_ERROR = "BluetoothFileMonitor: mWatchD = -1"
 
 def spooled_in_order(sandbox, count, timeout=60.0):
     """Waits for count spool files; returns (running number, suffix, content) sorted by number."""
-    files = wait_until(lambda: len(sandbox.spooled()) >= count and sandbox.spooled(), timeout,
+    files = wait_until(lambda: len(spooled(sandbox)) >= count and spooled(sandbox), timeout,
                        f"{count} spooled files")
     assert not [n for n in os.listdir(sandbox.www) if n.startswith(".")], "a hidden copy is left"
     numbered = []
@@ -158,11 +158,11 @@ def test_writers_that_come_back_leave_only_whole_versions(world, ui, writer):
         last = {versions[name][-1] for name in names if versions[name]}
         # The copying thread runs at nice 19: under emulation beside busy guests it gets little.
         wait_until(lambda: world.agent.proc.poll() is not None
-                   or last <= set(world.sandbox.spooled().values()), 600,
+                   or last <= set(spooled(world.sandbox).values()), 600,
                    "the last version of every document")
         assert world.agent.proc.poll() is None
     pump(FILE_SETTLE)
-    jobs = list(world.sandbox.spooled().values())
+    jobs = list(spooled(world.sandbox).values())
     whole = {v for vs in versions.values() for v in vs}
     assert [j for j in jobs if j not in whole] == [], "a torn, partial or dropped job"
     assert len(ui.received("TransferComplete")) == len(jobs)
@@ -207,7 +207,7 @@ def test_pipes_links_unremovable_and_busy_files_stall_nothing(world, ui, tmp_pat
             os.close(os.open(locked, os.O_RDONLY))
         # At their usual pace: a tenth of a second per look at the busy file would take hours.
         ui.wait_signal("TransferComplete", 200, timeout=60)
-        assert set(sandbox.spooled().values()) == {b"after"}
+        assert set(spooled(sandbox).values()) == {b"after"}
         assert {"locked.brf", "trap.pdf", "busy.brf"} <= set(sandbox.received())
         if NATIVE:
             assert rss_kib(world.agent.pid) - rss < 16 << 10
@@ -217,7 +217,7 @@ def test_pipes_links_unremovable_and_busy_files_stall_nothing(world, ui, tmp_pat
     sandbox.drop("locked.brf", b"unlocked")
     busy.write(b"busy")
     busy.close()
-    wait_until(lambda: {b"unlocked", b"busy"} <= set(sandbox.spooled().values()),
+    wait_until(lambda: {b"unlocked", b"busy"} <= set(spooled(sandbox).values()),
                what="the unlocked and the busy file")
     assert open(secret, "rb").read() == b"root only" and sorted(os.listdir(tmp_path)) == [
         "secret"]
@@ -286,7 +286,7 @@ def test_folders_moved_made_anew_or_mounted_over_are_followed(make_world):
     with open(os.path.join(root, "third.brf"), "wb") as f:
         f.write(b"third")
     assert ui.wait_signal("TransferComplete", 3)[-1] == ["third.brf"]
-    assert sorted(world.sandbox.spooled().values()) == [b"second", b"third"]
+    assert sorted(spooled(world.sandbox).values()) == [b"second", b"third"]
     # Removed for good: said once more.
     # The removed file is closed just after its announcement: busy for a moment.
     wait_until(lambda: not subprocess.run(inside + ["umount", "/var/spool/lp/obex"],

@@ -10,8 +10,8 @@ import signal
 import dbus
 import pytest
 
-from conftest import NATIVE, rss_kib
-from simenv import ADAPTER_PATH, AGENT_SERVICE, Bluez, pump, wait_until
+from conftest import NATIVE, Bluez, rss_kib, spooled
+from simenv import ADAPTER_PATH, AGENT_SERVICE, pump, wait_until
 
 START_CALLS = ("Get /org/bluez/hci0 org.bluez.Adapter1.Powered", "Set /org/bluez/hci0",
                "GetManagedObjects", "RegisterAgent", "RequestDefaultAgent")
@@ -76,7 +76,7 @@ def test_start_up_that_cannot_run_exits_255_with_the_reason(make_world, prepare,
     assert agent.expect("BluetoothAgentDaemon: " + line).lines() == ["BluetoothAgentDaemon: " + line]
     # Neither registered nor touching any received file.
     assert with_bluez is False or "RegisterAgent" not in "\n".join(world.bluez.log())
-    assert world.sandbox.received() == ["waiting.brf"] and world.sandbox.spooled() == {}
+    assert world.sandbox.received() == ["waiting.brf"] and spooled(world.sandbox) == {}
 
 
 def test_refused_name_and_registration_are_logged_and_the_daemon_serves(make_world):

@@ -8,8 +8,6 @@ Shared by the black-box tests, the simulation of the README and the benchmarks. 
 """
 
 import glob
-import grp
-import re
 import os
 import shutil
 import signal
@@ -166,13 +164,6 @@ class Bluez:
     def obj(self, path):
         return self.conn.get_object("org.bluez", path)
 
-    def adapter_property(self, name):
-        return unwrap(self.obj(ADAPTER_PATH).Get(ADAPTER_IFACE, name,
-                                                 dbus_interface=dbus.PROPERTIES_IFACE))
-
-    def set_adapter_properties(self, **props):
-        self.obj(ADAPTER_PATH).UpdateProperties(ADAPTER_IFACE, props, dbus_interface=MOCK_IFACE)
-
     def add_device(self, address, alias, paired=False):
         """Adds a phone (announced with InterfacesAdded); returns its object path."""
         path = self.root.AddDevice("hci0", address, alias, dbus_interface=BLUEZ_MOCK_IFACE)
@@ -184,39 +175,10 @@ class Bluez:
         """Changes device properties and emits one PropertiesChanged holding exactly them."""
         self.obj(path).UpdateProperties(interface, props, dbus_interface=MOCK_IFACE)
 
-    def emit(self, path, interface, member, signature, args):
-        """Sends a signal from BlueZ's own connection, typed as given, rightly or not."""
-        self.obj(path).EmitSignal(interface, member, signature, args, dbus_interface=MOCK_IFACE)
-
-    def announce(self, path, interfaces):
-        """Announces an object with these interfaces (InterfacesAdded on /)."""
-        self.emit("/", "org.freedesktop.DBus.ObjectManager", "InterfacesAdded", "oa{sa{sv}}",
-                  [dbus.ObjectPath(path), dbus.Dictionary(interfaces, signature="sa{sv}")])
-
-    def emit_changed(self, path, interface, changed):
-        """One PropertiesChanged of path holding exactly changed."""
-        self.emit(path, dbus.PROPERTIES_IFACE, "PropertiesChanged", "sa{sv}as",
-                  [interface, dbus.Dictionary(changed, signature="sv"),
-                   dbus.Array([], signature="s")])
-
-    def fail_method(self, path, interface, method, in_sig, condition="True",
-                    fallback="DBusMockObject.{method}(self, *args)"):
-        """Makes a BlueZ method answer org.bluez.Error.Failed when condition holds on args."""
-        code = (f"if {condition}:\n"
-                f"    raise dbus.exceptions.DBusException('refused by the test',"
-                f" name='org.bluez.Error.Failed')\n"
-                f"{fallback.format(method=method)}\n")
-        self.obj(path).AddMethod(interface, method, in_sig, "", code, dbus_interface=MOCK_IFACE)
-
     def calls(self, path, method):
         """The arguments of every call of method on path, in order."""
         return [list(args) for _, args in
                 self.obj(path).GetMethodCalls(method, dbus_interface=MOCK_IFACE)]
-
-    def log(self):
-        """The calls served so far, oldest first, without their time stamps."""
-        with open(self.log_path, encoding="utf-8", errors="replace") as f:
-            return [line.split(" ", 1)[1].rstrip("\n") for line in f if " " in line]
 
     def stop(self):
         stop_process(self.proc)
@@ -249,18 +211,6 @@ class Sandbox:
         """Names still in the receive folder."""
         return sorted(os.listdir(self.obex))
 
-    def spooled(self):
-        """The print spool as the spooler sees it: visible file name -> content."""
-        files = {}
-        for name in os.listdir(self.www):
-            try:
-                if not name.startswith("."):
-                    with open(os.path.join(self.www, name), "rb") as f:
-                        files[name] = f.read()
-            except FileNotFoundError:
-                pass  # printed and removed meanwhile
-        return files
-
     def wrap(self, command):
         """The command line that runs command inside the sandbox."""
         if self.hostname_missing:
@@ -271,59 +221,6 @@ class Sandbox:
         if self.spool_size:
             where += ["--spool-size", str(self.spool_size)]
         return [SANDBOX_RUN, "--spool", self.spool, *where, "--", *command]
-
-
-BLUEZ_POLICY = """<busconfig>
-  <policy user="root"><allow own="org.bluez"/><allow send_destination="org.bluez"/></policy>
-</busconfig>
-"""
-
-
-def guarded_bus_config(policy_dir):
-    """A bus config: the system bus's own default policy, BlueZ's usual root rights, and the installed file."""
-    system_conf = open("/usr/share/dbus-1/system.conf", encoding="utf-8").read()
-    default_policy = re.search(r'<policy context="default">.*?</policy>', system_conf, re.S)[0]
-
-    def config(workdir):
-        os.makedirs(f"{workdir}/bluez-policy")
-        with open(f"{workdir}/bluez-policy/bluez.conf", "w", encoding="utf-8") as f:
-            f.write(BLUEZ_POLICY)
-        return f"""<busconfig>
-  <type>system</type>
-  <listen>unix:tmpdir={workdir}</listen>
-  <auth>EXTERNAL</auth>
-  {default_policy}
-  <includedir>{policy_dir}</includedir>
-  <includedir>{workdir}/bluez-policy</includedir>
-</busconfig>
-"""
-    return config
-
-
-def ui_group(name, tmp_path):
-    """The user-interface group's id, and how to start a bus that knows it. A group missing on
-    this machine is added to a copy of /etc/group that only the bus sees."""
-    try:
-        return grp.getgrnam(name).gr_gid, ()
-    except KeyError:
-        pass
-    gid = next(g for g in range(4242, 60000) if g not in {e.gr_gid for e in grp.getgrall()})
-    group_file = tmp_path / "group"
-    shutil.copy("/etc/group", group_file)
-    with open(group_file, "a", encoding="utf-8") as f:
-        f.write(f"{name}:x:{gid}:\n")
-    return gid, ("unshare", "--mount", "--propagation", "private", "sh", "-c",
-                 'mount --bind "$0" /etc/group && exec "$@"', str(group_file))
-
-
-def as_user(groups):
-    """setpriv to nobody, in the given groups (none: an outsider)."""
-    group_args = [f"--groups={','.join(map(str, groups))}"] if groups else ["--clear-groups"]
-    return ["setpriv", "--reuid=nobody", "--regid=nogroup", *group_args]
-
-
-def normalized(line):
-    return " ".join(line.replace('"', "").split())
 
 
 def program(variable):
@@ -355,27 +252,10 @@ class Agent:
             stdin=subprocess.DEVNULL, stdout=self.log_file, stderr=subprocess.STDOUT,
             start_new_session=True)
         self.pid = self.proc.pid
-        self.expected = set()
 
     def log(self):
         with open(self.log_path, "rb") as f:
             return f.read().decode("utf-8", "replace")
-
-    def lines(self):
-        """The log's lines as text and order tell them: runs of spaces and the quotes that the
-        log stream puts around strings do not count."""
-        return [normalized(line) for line in self.log().splitlines()]
-
-    def expect(self, *lines):
-        """Declares the log lines (as lines() gives them, or their beginnings) that the test
-        expects to see."""
-        self.expected.update(normalized(line) for line in lines)
-        return self
-
-    def unexpected(self, allowed=()):
-        """The log lines that were neither expected nor allowed."""
-        known = tuple(self.expected) + tuple(allowed)
-        return [line for line in self.lines() if not line.startswith(known)]
 
     def wait_ready(self, timeout=30.0):
         """Waits until start-up is complete: its last step, the file monitor's watch, is in
@@ -385,9 +265,6 @@ class Agent:
         if self.proc.poll() is not None:
             raise RuntimeError(f"bluetooth-agent exited with {self.proc.returncode}")
         return self
-
-    def wait_exit(self, timeout=30.0):
-        return self.proc.wait(timeout)
 
     def stop(self):
         stop_process(self.proc)
@@ -474,7 +351,10 @@ def unwrap(value):
 
 
 class World:
-    """Bus, BlueZ (optional), sandbox and daemon together, torn down in reverse order."""
+    """Bus, BlueZ (optional), sandbox and daemon together, torn down in reverse order. A world
+    for tests makes its BlueZ and daemon of classes that do more."""
+
+    Bluez, Agent = Bluez, Agent
 
     def __init__(self, hostname=b"embosser\n", with_bluez=True, bus_config=None, bus_launcher=(),
                  spool_size=None):
@@ -483,14 +363,14 @@ class World:
         try:
             self.bus = SystemBus(self.workdir, bus_config and bus_config(self.workdir),
                                  bus_launcher)
-            self.bluez = Bluez(self.bus) if with_bluez else None
+            self.bluez = self.Bluez(self.bus) if with_bluez else None
             self.sandbox = Sandbox(self.workdir, hostname, spool_size)
         except BaseException:
             self.stop()
             raise
 
     def start_agent(self, wait=True, env=None, command=None):
-        self.agent = Agent(self.bus, self.sandbox, env, command)
+        self.agent = self.Agent(self.bus, self.sandbox, env, command)
         if wait:
             self.agent.wait_ready()
         return self.agent
