@@ -20,10 +20,6 @@ from simenv import ADAPTER_IFACE, ADAPTER_PATH, MOCK_IFACE, unwrap  # noqa: E402
 ALLOWED = ["QMetaObject::invokeMethod: No such method PairingAgent::DisplayPincode",
            "Candidates are:", "DisplayPinCode(QDBusObjectPath,QString,QDBusMessage)"]
 
-
-# A skipped test guards nothing: any skip fails the run.
-skips = []
-
 # Where the daemon is its own process (no emulator, no ASan), its memory says what it holds.
 NATIVE = "ASAN_OPTIONS" not in os.environ and not os.environ.get("BLUETOOTH_AGENT_LAUNCHER")
 
@@ -33,21 +29,15 @@ def rss_kib(pid, field="VmRSS:"):
         return int(next(line for line in f if line.startswith(field)).split()[1])
 
 
-def note_skip(report):
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_logreport(report):
+    """A skipped test guards nothing: a skip fails the run, with its reason."""
     if report.skipped:
-        reason = report.longrepr[2] if isinstance(report.longrepr, tuple) else str(report.longrepr)
-        skips.append(f"{report.nodeid}: {reason}")
+        report.outcome = "failed"
+    yield
 
 
-pytest_runtest_logreport = note_skip
-pytest_collectreport = note_skip
-
-
-def pytest_sessionfinish(session, exitstatus):
-    if skips:
-        print("\nskipped:\n  " + "\n  ".join(skips))
-        session.exitstatus = pytest.ExitCode.TESTS_FAILED
-
+pytest_collectreport = pytest_runtest_logreport
 
 
 class Bluez(simenv.Bluez):
@@ -108,18 +98,9 @@ class Agent(simenv.Agent):
         return [normalized(line) for line in self.log().splitlines()]
 
     def expect(self, *lines):
-        """Declares the log lines (as lines() gives them, or their beginnings) that the test
-        expects to see."""
+        """Declares the log lines (or their beginnings) that the test expects to see."""
         self.expected.update(normalized(line) for line in lines)
         return self
-
-    def unexpected(self, allowed=()):
-        """The log lines that were neither expected nor allowed."""
-        known = tuple(self.expected) + tuple(allowed)
-        return [line for line in self.lines() if not line.startswith(known)]
-
-    def wait_exit(self, timeout=30.0):
-        return self.proc.wait(timeout)
 
 
 class World(simenv.World):
@@ -128,15 +109,8 @@ class World(simenv.World):
 
 def spooled(sandbox):
     """The print spool as the spooler sees it: visible file name -> content."""
-    files = {}
-    for name in os.listdir(sandbox.www):
-        try:
-            if not name.startswith("."):
-                with open(os.path.join(sandbox.www, name), "rb") as f:
-                    files[name] = f.read()
-        except FileNotFoundError:
-            pass  # printed and removed meanwhile
-    return files
+    return {name: open(os.path.join(sandbox.www, name), "rb").read()
+            for name in os.listdir(sandbox.www) if not name.startswith(".")}
 
 
 @pytest.fixture
@@ -157,7 +131,8 @@ def make_world():
             # pytest shows it only when the test fails.
             print(f"----- bluetooth-agent log (exit code {agent.proc.poll()}) -----")
             print(agent.log())
-            unexpected += agent.unexpected(ALLOWED)
+            known = tuple(agent.expected) + tuple(ALLOWED)
+            unexpected += [line for line in agent.lines() if not line.startswith(known)]
         world.stop()
     assert not unexpected, "unexpected lines in the daemon's log:\n" + "\n".join(unexpected)
 

@@ -70,32 +70,20 @@ SAMPLES = {"getPower": [], "setPower": ["boolean:true"], "SetDiscoverable": ["bo
            "AuthorizeService": [PHONE, "string:uuid"], "Cancel": []}
 
 
-BLUEZ_POLICY = """<busconfig>
-  <policy user="root"><allow own="org.bluez"/><allow send_destination="org.bluez"/></policy>
-</busconfig>
-"""
-
-
 def guarded_bus_config(policy_dir):
-    """A bus config: the system bus's own default policy, BlueZ's usual root rights, and the
-    installed file."""
+    """A bus config: the system bus's own default policy, the installed file, and BlueZ's usual
+    root rights."""
     system_conf = open("/usr/share/dbus-1/system.conf", encoding="utf-8").read()
     default_policy = re.search(r'<policy context="default">.*?</policy>', system_conf, re.S)[0]
-
-    def config(workdir):
-        os.makedirs(f"{workdir}/bluez-policy")
-        with open(f"{workdir}/bluez-policy/bluez.conf", "w", encoding="utf-8") as f:
-            f.write(BLUEZ_POLICY)
-        return f"""<busconfig>
+    return lambda workdir: f"""<busconfig>
   <type>system</type>
   <listen>unix:tmpdir={workdir}</listen>
   <auth>EXTERNAL</auth>
   {default_policy}
   <includedir>{policy_dir}</includedir>
-  <includedir>{workdir}/bluez-policy</includedir>
+  <policy user="root"><allow own="org.bluez"/><allow send_destination="org.bluez"/></policy>
 </busconfig>
 """
-    return config
 
 
 def ui_group(name, tmp_path):

@@ -21,23 +21,6 @@ def ask(ui, method, *args, timeout=30):
     return reply
 
 
-@pytest.mark.parametrize("method, args, answer, values", [
-    ("RequestConfirmation", [dbus.UInt32(123456)], ("userConfirmation", True), [True]),
-    ("RequestPinCode", [], ("userSuppliedPin", True, ""), [""]),
-    # The answer serves whatever question is pending: BlueZ gets a boolean for a PIN.
-    ("RequestPinCode", [], ("userConfirmation", True), [True]),
-])
-def test_questions_go_to_the_user_and_the_answers_back(world, ui, method, args, answer, values):
-    world.agent.expect(LOGGED + method)
-    reply = ask(ui, method, *args)
-    if args:
-        assert ui.received("RequestUserConfirmation") == [[123456]]
-    ui.call(*answer)
-    reply.wait()
-    assert (reply.values, reply.error) == (values, None)
-    assert world.agent.lines() == [LOGGED + method + " " + PHONE + (" 123456" if args else "")]
-
-
 def test_only_the_latest_question_can_be_answered_and_a_cancelled_one_by_nobody(world, ui):
     world.agent.expect(LOGGED + "RequestConfirmation")
     # No question yet: the answers reach nobody, the user interface is told so, and the daemon

@@ -72,7 +72,7 @@ def test_start_up_that_cannot_run_exits_255_with_the_reason(make_world, prepare,
         prepare(world)
     world.sandbox.drop("waiting.brf", b"kept")
     agent = world.start_agent(wait=False)
-    assert agent.wait_exit() == 255
+    assert agent.proc.wait(30) == 255
     assert agent.expect("BluetoothAgentDaemon: " + line).lines() == ["BluetoothAgentDaemon: " + line]
     # Neither registered nor touching any received file.
     assert with_bluez is False or "RegisterAgent" not in "\n".join(world.bluez.log())
