@@ -175,6 +175,11 @@ void ObexAgent::finish(const QString &transfer, const QString &status)
 
 void ObexAgent::quit(const QString &why)
 {
+    // One end of obexd is often seen twice (off the bus, and its process ended) before the loop
+    // returns: said once, as the journal counts one warning per end.
+    if (ending)
+        return;
+    ending = true;
     qCWarning(lcObexAgent).noquote() << why;
     QCoreApplication::exit(1);
 }

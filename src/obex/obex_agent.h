@@ -65,6 +65,7 @@ private:
     QHash<QString, Push> pushes;
     // The transfer of the latest AuthorizePush, the one a Cancel is about.
     QString latest;
+    bool ending = false;
 };
 
 #endif // OBEX_AGENT_H
