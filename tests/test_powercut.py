@@ -3,29 +3,25 @@
 """The embosser switched off at the wall while bluetooth-agent takes documents, in a Debian guest
 under qemu whose receive and spool folders live on a disk of their own. The guest runs this file
 (main), the host judges (test_power_cuts) from its console, where the daemon's log goes too.
-Each boot lets the daemon take what the last cut left, shows both folders, then writes a batch of
-documents and is cut: in the middle of the batch, or 0, 2 or 6 s after its last TransferComplete.
-At every start, each document written before is whole in the spool (announced or not: the writer
-flushed it), every visible spool file is exactly one document, nothing is hidden in the spool or
-left in the receive folder, and a cut makes at most one duplicate."""
+Each boot lets the daemon take what the last cut left, lists both folders, then writes a batch of
+documents and is cut: in the middle of the batch, or 0, 2 or 6 s after its last TransferComplete."""
 
 import collections
 import hashlib
-import json
 import os
 import signal
 import subprocess
 import sys
 import time
+from contextlib import suppress
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "guest"))
 
 import guest as qemu  # noqa: E402
 from board import RECEIVE, SPOOL, Board, document, listing  # noqa: E402
-from simenv import AGENT_IFACE, AGENT_PATH, wait_until  # noqa: E402
+from simenv import AGENT_IFACE, AGENT_PATH, wait_until, watching  # noqa: E402
 
-BATCH = 20
-CUTS = ["mid", 0, 2, 6]  # in the middle of a batch, or seconds after its last TransferComplete
+BATCH, CUTS = 20, ["mid", 0, 2, 6]
 
 
 def content(index):
@@ -42,12 +38,16 @@ def test_power_cuts(tmp_path):
     subprocess.run(["mkfs.ext4", "-q", "-d", tmp_path / "lp", disk, "512M"], check=True,
                    capture_output=True)
     documents = {hashlib.sha256(content(i)).hexdigest(): i for i in range(len(CUTS) * BATCH)}
+    build, conf = os.environ["BLUETOOTH_AGENT_BUILD_DIR"], "com.quorvane.BluetoothAgent.conf"
+    inputs = {name: f"{qemu.HERE}/{name}" for name in ("init", "board.py", "guest.py")} | {
+        "bluetooth-agent": f"{build}/src/bluetooth-agent", conf: f"{build}/data/{conf}",
+        "simenv.py": f"{qemu.TOP}/tools/simenv.py", "scenario.py": __file__,
+        "batch": tmp_path / "batch"}
     guest, findings, daemon_log, announced = qemu.Guest(tmp_path), [], [], []
     for boot, cut in enumerate(CUTS + [None]):
-        if boot:
-            fsck = subprocess.run(["e2fsck", "-f", "-y", disk], capture_output=True, text=True)
-            assert fsck.returncode < 4, fsck.stdout + fsck.stderr
-        (tmp_path / "plan.json").write_text(json.dumps({"batch": boot, "last": cut is None}))
+        fsck = subprocess.run(["e2fsck", "-f", "-y", disk], capture_output=True, text=True)
+        assert fsck.returncode < 4, fsck.stdout + fsck.stderr
+        (tmp_path / "batch").write_text(str(boot))
         seen = collections.defaultdict(list)
 
         def on_line(line):
@@ -60,9 +60,7 @@ def test_power_cuts(tmp_path):
                 if count == BATCH // 2 and cut == "mid" or count == BATCH and cut != "mid":
                     guest.cut(0 if cut == "mid" else cut)
 
-        inputs = dict(qemu.programs(os.environ["BLUETOOTH_AGENT_BUILD_DIR"], __file__),
-                      **{"plan.json": tmp_path / "plan.json"})
-        guest.boot(inputs, disks=[(disk, False)], timeout=900, on_line=on_line)
+        guest.boot(inputs, disks=[disk], timeout=900, on_line=on_line)
         assert seen["listed"] and (cut is None or guest.cut_at is not None), (
             f"boot {boot} failed before it listed both folders, or ended before its cut:\n"
             + (tmp_path / "console.log").read_text(errors="replace")[-3000:])
@@ -74,7 +72,8 @@ def test_power_cuts(tmp_path):
 
 
 def recovered(written, seen, documents):
-    """What is wrong in the folders after a cut, when the daemon has taken what was left."""
+    """What is wrong in the folders once the daemon has taken what the cut left. Every document
+    written before is due, announced or not (the writer flushed it); a cut may add one duplicate."""
     spool = [(name, int(size), documents.get(sha)) for name, size, sha in seen["spool"]]
     copies = collections.Counter(i for name, size, i in spool if name[0] != ".")
     duplicates = [sum(copies[i] - 1 for i in range(b, b + BATCH) if copies[i] > 1)
@@ -90,43 +89,40 @@ def recovered(written, seen, documents):
 
 
 def main():
-    """The guest: lets the daemon take what the last cut left and prints both folders; then,
-    unless plan.json says this boot is the last, writes a batch as a receiver that keeps what it
-    received writes it (created, written, flushed, closed) and prints each TransferComplete."""
-    with open("/guest/plan.json", encoding="utf-8") as f:
-        plan = json.load(f)
+    """The guest; unless this boot is the last, it writes its batch as a receiver that keeps what
+    it received does (created, written, flushed, closed)."""
+    batch = int(open("/guest/batch", encoding="ascii").read())
     subprocess.run(["mount", "/dev/vdd", "/var/spool/lp"], check=True)
     board = Board()
+    board.start("bluetoothd")
     board.start_bluez()
-    board.start_agent(out=sys.stdout, env={
-        "QT_MESSAGE_PATTERN": "agent: %{if-category}%{category}: %{endif}%{message}"})
-    ui = board.ui.received
+    agent = board.procs["agent"] = subprocess.Popen(["/guest/bluetooth-agent"], env=dict(
+        os.environ, QT_MESSAGE_PATTERN="agent: %{if-category}%{category}: %{endif}%{message}"))
+    # Ready once its start-up ended with the watch on the receive folder.
+    wait_until(lambda: watching(agent.pid), 180, "bluetooth-agent")
     try:
-        try:
+        with suppress(TimeoutError):  # the host sees what stayed
             wait_until(lambda: not os.listdir(RECEIVE), 300, "the daemon taking what was left")
-        except TimeoutError:
-            pass  # the host sees what stayed
         for label, folder in (("spool", SPOOL), ("receive", RECEIVE)):
             for name, (size, sha) in listing(folder).items():
                 print(label, name, size, sha, flush=True)
         print("listed", flush=True)
-        if plan["last"]:
+        if batch == len(CUTS):
             return
-        board.ui.conn.add_signal_receiver(
-            lambda name: print("TransferComplete", name, f"{time.monotonic():.3f}", flush=True),
-            "TransferComplete", AGENT_IFACE, path=AGENT_PATH)
+        board.ui.conn.add_signal_receiver(lambda name: print("TransferComplete", name, flush=True),
+                                          "TransferComplete", AGENT_IFACE, path=AGENT_PATH)
         # The daemon waits while the batch is written: a cut in the middle of the batch meets
         # the daemon's work only, never a receiver's unfinished file.
-        board.procs["agent"].send_signal(signal.SIGSTOP)
-        for index in range(plan["batch"] * BATCH, (plan["batch"] + 1) * BATCH):
+        agent.send_signal(signal.SIGSTOP)
+        for index in range(batch * BATCH, (batch + 1) * BATCH):
             with open(f"{RECEIVE}/doc{index}.brf", "wb") as f:
                 f.write(content(index))
                 f.flush()
                 os.fsync(f.fileno())
         os.fsync(os.open(RECEIVE, os.O_RDONLY))
-        board.procs["agent"].send_signal(signal.SIGCONT)
-        announced = len(ui("TransferComplete")) + BATCH
-        wait_until(lambda: len(ui("TransferComplete")) == announced, 600, "the batch")
+        agent.send_signal(signal.SIGCONT)
+        announced = len(board.ui.received("TransferComplete")) + BATCH
+        wait_until(lambda: len(board.ui.received("TransferComplete")) == announced, 600, "a batch")
         time.sleep(120)  # for the host to cut the power
     finally:
         board.kill("agent")  # it holds the console too: the guest ends only without it

@@ -1,35 +1,31 @@
 # SPDX-FileCopyrightText: 2026 The bluetooth-agent developers
 # SPDX-License-Identifier: MIT
-"""What the guest's scenarios share: the embosser's programs (the real bluetoothd with two virtual
-controllers from btvirt, hci0 the embosser and hci1 a phone; bluetooth-agent), the user
-interface, the phone (its pairing agent and OBEX client) and the results for the host."""
+"""What the guest's scenarios share: the embosser's Bluetooth (the real bluetoothd with two virtual
+controllers from btvirt, hci0 the embosser and hci1 a phone), the user interface, the phone (its
+pairing agent and OBEX client) and the results for the host."""
 
 import glob
 import hashlib
 import json
 import os
-import signal
 import subprocess
-import sys
 import time
 import traceback
 import types
+from contextlib import suppress
 
 import dbus
 import dbus.service
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-
-from simenv import (ADAPTER_IFACE, AGENT_IFACE, DEVICE_IFACE, Client, Reply,  # noqa: E402
-                    pump, unwrap, wait_until, watching)
+from simenv import (ADAPTER_IFACE, AGENT_IFACE, DEVICE_IFACE, Client, Reply, pump, unwrap,
+                    wait_until)
 
 RESULTS, RECEIVE, SPOOL = "/run/results", "/var/spool/lp/obex", "/var/spool/lp/www"
 EMBOSSER, PHONE = "/org/bluez/hci0", "/org/bluez/hci1"
 OBEX, OBEXD = "org.bluez.obex", "/usr/libexec/bluetooth/obexd"
 OBJECT_PUSH = "00001105-0000-1000-8000-00805f9b34fb"
 COMMANDS = {"bluetoothd": ["/usr/libexec/bluetooth/bluetoothd", "-n", "-d"],
-            "btvirt": ["btvirt", "-l2"], "btvirt-le": ["btvirt", "-L", "-l2"],
-            "agent": ["/guest/bluetooth-agent"]}
+            "btvirt": ["btvirt", "-l2"], "btvirt-le": ["btvirt", "-L", "-l2"]}
 
 
 def document(key, size):
@@ -48,9 +44,10 @@ def listing(folder):
             for top, _, names in os.walk(folder) for name in sorted(names)}
 
 
-def size(pattern):
-    """The size of the largest file that matches pattern; -1 if none (not there yet, or gone)."""
-    return max((os.stat(path).st_size for path in glob.glob(pattern)), default=-1)
+def run(*command, user="root"):
+    """command as user; its exit code and output."""
+    done = subprocess.run(["runuser", "-u", user, "--", *command], capture_output=True, text=True)
+    return [done.returncode, (done.stdout + done.stderr).strip()]
 
 
 class PhoneAgent(dbus.service.Object):
@@ -72,8 +69,8 @@ class PhoneAgent(dbus.service.Object):
 
 
 class Board:
-    """The embosser's programs, each logging to its own file in RESULTS unless told otherwise,
-    the user interface, the phone and what the guest saw, scenario by scenario."""
+    """The embosser's programs, each logging to its own file in RESULTS, the user interface, the
+    phone and what the guest saw, scenario by scenario."""
 
     def __init__(self):
         self.procs, self.observations = {}, {}
@@ -81,44 +78,30 @@ class Board:
         self.ui = Client(types.SimpleNamespace(connect=dbus.SystemBus))
         self.phone, self.le = PhoneAgent(self.bus), False
 
-    def start(self, name, out=None, env=()):
-        with open(f"{RESULTS}/{name.split('-')[0]}.log", "ab") as log_file:
-            self.procs[name] = subprocess.Popen(COMMANDS[name], stdout=out or log_file,
-                                                stderr=subprocess.STDOUT,
-                                                env=dict(os.environ, **dict(env)))
+    def start(self, name):
+        with open(f"{RESULTS}/{name.split('-')[0]}.log", "ab") as log:
+            self.procs[name] = subprocess.Popen(COMMANDS[name], stdout=log, stderr=log)
 
-    def kill(self, name, sig=signal.SIGTERM):
-        self.procs[name].send_signal(sig)
+    def kill(self, name):
+        self.procs[name].terminate()
         self.procs.pop(name).wait(30)
 
-    def start_bluez(self, controllers="btvirt", bluetoothd=True):
-        """The controllers, and bluetoothd unless it runs already or is not ours to start. On a
-        loaded guest the kernel may give up on a controller (its reset timed out): made again."""
-        if bluetoothd and "bluetoothd" not in self.procs:
-            self.start("bluetoothd")
+    def start_bluez(self, controllers="btvirt"):
+        """The controllers, made again when the kernel gave up on one (a reset timed out)."""
         for _ in range(3):
             self.start(controllers)
-            try:
-                return wait_until(lambda: self.address(EMBOSSER) and self.address(PHONE), 60,
-                                  "hci0 and hci1")
-            except TimeoutError:
-                self.kill(controllers)
+            with suppress(TimeoutError):
+                return wait_until(lambda: self.address(EMBOSSER) and self.address(PHONE), 60)
+            self.kill(controllers)
         raise TimeoutError("hci0 and hci1 never came up")
-
-    def start_agent(self, **how):
-        self.start("agent", **how)
-        # Ready once its start-up ended with the watch on the receive folder.
-        wait_until(lambda: watching(self.procs["agent"].pid), 180, "bluetooth-agent")
 
     def obj(self, path):
         return self.bus.get_object("org.bluez", path, introspect=False)
 
-    def prop(self, path, name, interface=ADAPTER_IFACE):
-        try:
-            return unwrap(self.obj(path).Get(interface, name,
+    def prop(self, path, name):
+        with suppress(dbus.DBusException):  # None: not there
+            return unwrap(self.obj(path).Get(ADAPTER_IFACE, name,
                                              dbus_interface=dbus.PROPERTIES_IFACE))
-        except dbus.DBusException:
-            return None
 
     def address(self, adapter):
         return self.prop(adapter, "Address")
@@ -135,19 +118,14 @@ class Board:
         props = self.objects().get(self.device(adapter, other), {}).get(DEVICE_IFACE)
         return props and {k: props.get(k) for k in ("Alias", "Paired", "Connected", "Trusted")}
 
-    def set(self, name, value):
-        """Sets a property of the phone's controller; False while it is busy."""
-        try:
-            self.obj(PHONE).Set(ADAPTER_IFACE, name, value, signature="ssv",
-                                dbus_interface=dbus.PROPERTIES_IFACE)
-            return True
-        except dbus.DBusException:
-            return False
-
     def set_up_phone(self, le):
-        # A controller that just appeared may still be busy with bluetoothd's own set-up.
-        wait_until(lambda: self.set("Powered", dbus.Boolean(True)), 30, "hci1 powered")
-        self.set("Alias", "Phone")
+        def set_up():  # fails while bluetoothd still sets up a controller that just appeared
+            with suppress(dbus.DBusException):
+                for name, value in ("Powered", dbus.Boolean(True)), ("Alias", "Phone"):
+                    self.obj(PHONE).Set(ADAPTER_IFACE, name, value, signature="ssv",
+                                        dbus_interface=dbus.PROPERTIES_IFACE)
+                return True
+        wait_until(set_up, 30, "hci1 powered and named")
         self.le = le
 
     def discover_embosser(self):
@@ -165,9 +143,8 @@ class Board:
                 return target
             adapter.StartDiscovery()
             try:
-                return wait_until(lambda: target in self.objects() and target, 30, "the embosser")
-            except TimeoutError:
-                pass
+                with suppress(TimeoutError):
+                    return wait_until(lambda: target in self.objects() and target, 30)
             finally:
                 adapter.StopDiscovery()
         raise TimeoutError("the embosser never showed in the phone's search")
@@ -182,33 +159,26 @@ class Board:
         wait_until(lambda: not self.sees(EMBOSSER, PHONE) and not self.sees(PHONE, EMBOSSER), 30,
                    "both sides forgetting")
 
-    def confirm(self, answer):
-        """The user interface answers the question; returns something true once it has."""
-        return self.ui.call_async("userConfirmation", answer)
-
     def pair(self, ui_answer=True, phone_capability="DisplayYesNo", forget=False):
-        """The phone pairs with the embosser; the user interface answers ui_answer when asked
-        (None: never). Returns what each side saw."""
+        """The phone pairs with the embosser; the user interface answers ui_answer when asked, with
+        bluetooth-agentctl as a user of its group. Returns what each side saw."""
         if forget:
             self.forget_both()
         manager = dbus.Interface(self.obj("/org/bluez"), "org.bluez.AgentManager1")
-        try:
+        with suppress(dbus.DBusException):  # not registered with this bluetoothd yet
             manager.UnregisterAgent("/phone/agent", signature="o")
-        except dbus.DBusException:
-            pass  # not registered with this bluetoothd yet
         manager.RegisterAgent("/phone/agent", phone_capability, signature="os")
         self.phone.calls, self.phone.type_passkey = [], None
         mark, reply = len(self.ui.signals), Reply()
         self.obj(self.discover_embosser()).Pair(dbus_interface=DEVICE_IFACE, timeout=120,
-                                                   reply_handler=reply.ok,
-                                                   error_handler=reply.fail)
-        answered = ui_answer is None
+                                                   reply_handler=reply.ok, error_handler=reply.fail)
+        answered = []
 
         def answer():
-            nonlocal answered
             for member, args in self.ui.signals[mark:]:
                 if member == "RequestUserConfirmation" and not answered:
-                    answered = self.confirm(ui_answer)
+                    answered.append(run("bluetooth-agentctl", "confirm", ["no", "yes"][ui_answer],
+                                        user="embosser-ui"))
                 if member == "DisplayUserPasskey" and self.phone.type_passkey:
                     self.phone.type_passkey, typed = None, self.phone.type_passkey
                     typed(dbus.UInt32(args[0]))  # the number the embosser shows
@@ -216,16 +186,16 @@ class Board:
 
         wait_until(answer, 130, "the pairing")
         pump(1.0)  # what follows the end of the pairing at once
-        return {"pair_error": reply.error, "phone_asked": self.phone.calls, "ui":
-                self.ui.signals[mark:], "embosser_sees_phone": self.sees(EMBOSSER, PHONE),
+        return {"pair_error": reply.error, "phone_asked": self.phone.calls, "answered": answered,
+                "ui": self.ui.signals[mark:], "embosser_sees_phone": self.sees(EMBOSSER, PHONE),
                 "phone_sees_embosser": self.sees(PHONE, EMBOSSER)}
 
-    def push(self, name, data, drop_at=None, cancel=False):
-        """The phone sends data as name, from an obexd of its own (one client crashed on a second
-        cancel). Once the receiver has the share drop_at of it, the phone walks away (its obexd
-        killed), or with cancel its user cancels and ends the session. Returns the last status."""
+    def push(self, name, size, drop_at=None, cancel=False):
+        """The phone sends document(name, size), from an obexd of its own (one crashed on a second
+        cancel). Once the receiver has the share drop_at, the phone walks away (its obexd killed),
+        or with cancel its user cancels and ends the session. Returns the last status."""
         with open(f"/tmp/{name}", "wb") as f:
-            f.write(data)
+            f.write(document(name, size))
         # The phone's obexd offers Object Push too: the receiver's must be registered first.
         wait_until(lambda: OBJECT_PUSH in (self.prop(EMBOSSER, "UUIDs") or []), 60,
                    "the receiver's Object Push")
@@ -256,7 +226,8 @@ class Board:
                 f"/tmp/{name}", dbus_interface="org.bluez.obex.ObjectPush1")[0]
             # The receiver stages the push under a name of its own; one push at a time here.
             wait_until(lambda: status.get(transfer) in ("complete", "error") or drop_at is not None
-                       and size(f"{RECEIVE}/.incoming/*") >= drop_at * len(data), 300, name)
+                       and max(map(os.path.getsize, glob.glob(f"{RECEIVE}/.incoming/*")),
+                               default=-1) >= drop_at * size, 300, name)
             if cancel and status.get(transfer) is None:
                 conn.get_object(OBEX, transfer).Cancel(dbus_interface="org.bluez.obex.Transfer1")
                 client.RemoveSession(session, dbus_interface="org.bluez.obex.Client1")
@@ -272,14 +243,14 @@ class Board:
         """The paired phone sends each push in turn. Returns each one's name, how it ended and what
         it sent, what the user interface heard and both folders, once the spool has the last."""
         mark, before = len(self.ui.signals), listing(SPOOL)
-        sent = [[push[0], self.push(*push), checksum(push[1])] for push in pushes]
+        sent = [[push[0], self.push(*push), checksum(document(*push[:2]))] for push in pushes]
         wait_until(lambda: [pushes[-1][0]] in self.ui.received("TransferComplete"), 60,
                    "the spool taking the last push")
         return {"sent": sent, "receive_folder": listing(RECEIVE),
                 "announced": [a[0] for m, a in self.ui.signals[mark:] if m == "TransferComplete"],
                 "spooled": {n: v for n, v in listing(SPOOL).items() if n not in before}}
 
-    def run(self, name, scenario, *args, **kwargs):
+    def play(self, name, scenario, *args, **kwargs):
         """Runs one scenario and keeps what it returns, or how it failed, for the host."""
         print(f"[{time.monotonic():8.2f}] scenario {name}", flush=True)
         try:

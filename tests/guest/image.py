@@ -7,23 +7,16 @@ over BR/EDR, then LE. What each boot saw stays on the disk for ../test_image.py,
 
 import json
 import os
-import subprocess
 from functools import partialmethod
 
-from board import EMBOSSER, OBEXD, PHONE, RECEIVE, SPOOL, Board, document
+from board import EMBOSSER, OBEXD, PHONE, RECEIVE, RESULTS, SPOOL, Board, run
 from simenv import DEVICE_IFACE, pump, wait_until, watching
 
 KEPT, UNITS = "/var/lib/guest-results", ["bluetooth-agent.service", "bluetooth-agent-obex.service"]
 BOOTS = {"install": ["install"],
-         "boot": ["boot", "bredr_no", "pairing", "disconnection", "documents", "routine", "anew"],
+         "boot": ["boot", "bredr_no", "pairing", "documents", "routine", "anew"],
          "rebooted": ["rebooted", "devices", "le_switch", "le_no", "le_yes", "le_keyboard",
                       "le_no_io", "routine_rebooted"]}
-
-
-def run(*command, user="root"):
-    """command as user; its exit code and output."""
-    done = subprocess.run(["runuser", "-u", user, "--", *command], capture_output=True, text=True)
-    return [done.returncode, (done.stdout + done.stderr).strip()]
 
 
 def show(prop):
@@ -37,11 +30,6 @@ def journal(*after):
 
 
 class Image(Board):
-    def confirm(self, answer):
-        self.answered = run("bluetooth-agentctl", "confirm", ["no", "yes"][answer],
-                            user="embosser-ui")
-        return True
-
     def registered(self, old="0"):
         """The pid of a daemon other than old, once it has started (registered, watching)."""
         return wait_until(lambda: (pid := show("MainPID")) not in ("0", old) and watching(pid)
@@ -58,7 +46,7 @@ class Image(Board):
         run("modprobe", "hci_vhci")
         run("systemctl", "start", "bluetooth.service")
         wait_until(lambda: int(show("NRestarts")), 120, "a failed start-up tried again")
-        self.start_bluez(bluetoothd=False)
+        self.start_bluez()
         pids = [self.registered()]
         for action in ("restart", "stop", "start"):
             run("systemctl", action, "bluetooth.service")
@@ -75,8 +63,14 @@ class Image(Board):
                 "run": run("nsenter", "-t", pids[-1], "-m", "touch", "/run/a-file")}
 
     def pairing(self):
-        return dict(self.pair(), answered=self.answered,
-                    outsider=run("bluetooth-agentctl", "power", user="nobody"))
+        """The pairing answered yes; then the phone disconnects."""
+        paired = dict(self.pair(), outsider=run("bluetooth-agentctl", "power", user="nobody"))
+        mark = len(self.ui.signals)
+        self.obj(self.device(PHONE, EMBOSSER)).Disconnect(dbus_interface=DEVICE_IFACE, timeout=30)
+        wait_until(lambda: not self.sees(EMBOSSER, PHONE)["Connected"], 30, "the disconnection")
+        pump(2.0)
+        return dict(paired, dropped={"ui": self.ui.signals[mark:],
+                                     "embosser_sees_phone": self.sees(EMBOSSER, PHONE)})
 
     def documents(self):
         """A file of a type not printed, by hand; whole pushes around pushes cancelled, and the
@@ -84,18 +78,9 @@ class Image(Board):
         run("sh", "-c", f"echo refused >{RECEIVE}/refused.exe")
         drops = [(128 << 10, 0), (128 << 10, 0.5), (512 << 10, 0.5)] + [
             (3 << 20, share) for share in (0, 0.05, 0.2, 0.4, 0.6, 0.8, 0.95)]
-        return self.pushes(("letter.brf", document("letter", 3000)), *[
-            (f"cancelled{share}.brf", document("cancelled", 3 << 20), share, True)
-            for share in (0.2, 0.7)], *[(f"dropped{i}.brf", document(i, size), share)
-                                        for i, (size, share) in enumerate(drops)],
-            ("big.brf", document("big", 3 << 20)))
-
-    def disconnection(self):
-        mark = len(self.ui.signals)
-        self.obj(self.device(PHONE, EMBOSSER)).Disconnect(dbus_interface=DEVICE_IFACE, timeout=30)
-        wait_until(lambda: not self.sees(EMBOSSER, PHONE)["Connected"], 30, "the disconnection")
-        pump(2.0)
-        return {"ui": self.ui.signals[mark:], "embosser_sees_phone": self.sees(EMBOSSER, PHONE)}
+        cancels = [(f"cancelled{share}.brf", 3 << 20, share, True) for share in (0.2, 0.7)]
+        return self.pushes(("letter.brf", 3000), *cancels, *[
+            (f"dropped{i}.brf", *drop) for i, drop in enumerate(drops)], ("big.brf", 3 << 20))
 
     def routine(self):
         """What the daemon and the receiver's agent (not obexd) logged since the start-up (before
@@ -115,17 +100,17 @@ class Image(Board):
     def anew(self):
         """The folders removed and made anew by systemd-tmpfiles, then a push."""
         made = run("sh", "-c", f"rm -r {RECEIVE} {SPOOL} && systemd-tmpfiles --create")
-        return dict(self.pushes(("anew.brf", document("anew", 5000))), tmpfiles=made, modes=run(
+        return dict(self.pushes(("anew.brf", 5000)), tmpfiles=made, modes=run(
             "stat", "-c", "%n %a %U", RECEIVE, f"{RECEIVE}/.incoming", SPOOL)[1].splitlines())
 
     def rebooted(self):
         """The controllers come after the boot, and udev starts bluetoothd for them."""
         run("modprobe", "hci_vhci")
-        self.start_bluez(bluetoothd=False)
+        self.start_bluez()
         self.registered()
         self.cursor = journal()[-1]["__CURSOR"]
         self.set_up_phone(le=False)
-        return self.pushes(("again.brf", document("again", 5000)))
+        return self.pushes(("again.brf", 5000))
 
     def devices(self):
         phone = [self.sees(EMBOSSER, PHONE)["Alias"], self.address(PHONE)]
@@ -139,14 +124,13 @@ class Image(Board):
         """The controllers go and come back LE-only (a controller reset, seen from the daemon)."""
         self.kill("btvirt")
         wait_until(lambda: EMBOSSER not in self.objects(), 30, "hci0 gone")
-        self.start_bluez("btvirt-le", bluetoothd=False)
+        self.start_bluez("btvirt-le")
         self.set_up_phone(le=True)
 
 
 def main():
     os.makedirs(KEPT, exist_ok=True)
-    if not os.path.islink("/run/results"):
-        os.symlink(KEPT, "/run/results")
+    os.symlink(KEPT, RESULTS)  # /run is new at every boot; what the boots saw stays on the disk
     board = Image()
     if os.path.exists(f"{KEPT}/observations.json"):
         with open(f"{KEPT}/observations.json", encoding="utf-8") as f:
@@ -154,8 +138,8 @@ def main():
     boot = next(b for b in BOOTS if b not in board.observations)
     try:
         for scenario in BOOTS[boot]:
-            board.run(scenario, getattr(board, scenario))
-        board.run(f"failed_{boot}", run, "systemctl", "--failed", "--no-legend")
+            board.play(scenario, getattr(board, scenario))
+        board.play(f"failed_{boot}", run, "systemctl", "--failed", "--no-legend")
     finally:
         run("sh", "-c", f"journalctl -b >{KEPT}/journal-{boot}.log; tar -C {KEPT} -cf /dev/vdc .; "
             f"systemctl {'poweroff' if boot == 'rebooted' else 'reboot'}")
