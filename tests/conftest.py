@@ -24,8 +24,9 @@ ALLOWED = ["QMetaObject::invokeMethod: No such method PairingAgent::DisplayPinco
 NATIVE = "ASAN_OPTIONS" not in os.environ and not os.environ.get("BLUETOOTH_AGENT_LAUNCHER")
 
 
-def rss_kib(pid, field="VmRSS:"):
-    with open(f"/proc/{pid}/status", encoding="ascii") as f:
+def rss_kib(pid, field="VmRSS:", file="status"):
+    """A number the kernel keeps for process pid: resident KiB, or another field of file."""
+    with open(f"/proc/{pid}/{file}", encoding="ascii") as f:
         return int(next(line for line in f if line.startswith(field)).split()[1])
 
 
@@ -111,6 +112,16 @@ def spooled(sandbox):
     """The print spool as the spooler sees it: visible file name -> content."""
     return {name: open(os.path.join(sandbox.www, name), "rb").read()
             for name in os.listdir(sandbox.www) if not name.startswith(".")}
+
+
+def ask(ui, method, *args, timeout=30):
+    """BlueZ asks; returns the pending reply once the user interface has the question."""
+    signal = "RequestUserPin" if method == "RequestPinCode" else "RequestUserConfirmation"
+    before = len(ui.received(signal))
+    reply = ui.call_async(method, *args, timeout=timeout)
+    ui.wait_signal(signal, before + 1)
+    assert not reply.done, "BlueZ must wait for the user"
+    return reply
 
 
 @pytest.fixture

@@ -10,6 +10,7 @@ import sys
 
 import dbus
 
+from conftest import ask
 from simenv import ADAPTER_PATH, ctl_command, pump
 
 PHONE = "AA:BB:CC:DD:EE:01"
@@ -87,10 +88,8 @@ def test_commands_reach_bluez_and_errors_are_clear(make_world):
         done = ctl(world, *args)
         assert done.returncode == 1 and "no pairing question is pending" in done.stderr
     for question, args, values in ANSWERS:
-        extra = [dbus.UInt32(123456)] if question == "RequestConfirmation" else []
-        signal = "RequestUserConfirmation" if extra else "RequestUserPin"
-        reply = ui.call_async(question, PHONE_PATH, *extra)
-        ui.wait_signal(signal, len(ui.received(signal)) + 1)
+        passkey = [dbus.UInt32(123456)] if question == "RequestConfirmation" else []
+        reply = ask(ui, question, PHONE_PATH, *passkey)
         done = ctl(world, *args)
         assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
         reply.wait()

@@ -223,11 +223,6 @@ def test_pipes_links_unremovable_and_busy_files_stall_nothing(world, ui, tmp_pat
         "secret"]
 
 
-def io_written(pid):
-    with open(f"/proc/{pid}/io", encoding="ascii") as f:
-        return int(next(line for line in f if line.startswith("wchar:")).split()[1])
-
-
 def test_a_document_the_spool_cannot_take_waits_without_holding_up_others(make_world):
     world = make_world(spool_size=16 << 20)
     world.start_agent().expect(SPOOL_ERROR)
@@ -237,7 +232,7 @@ def test_a_document_the_spool_cannot_take_waits_without_holding_up_others(make_w
     printing = os.path.join(spool, "printing.pdf")
     with open(printing, "wb") as f:
         f.write(b"p" * (8 << 20))
-    written = io_written(world.agent.pid)
+    written = rss_kib(world.agent.pid, "wchar:", "io")
     with open(f"/proc/{world.agent.pid}/clear_refs", "w", encoding="ascii") as f:
         f.write("5")  # its peak memory counts from here
     big = os.urandom(12 << 20)
@@ -251,7 +246,7 @@ def test_a_document_the_spool_cannot_take_waits_without_holding_up_others(make_w
     os.remove(printing)
     assert ui.wait_signal("TransferComplete", 11)[-1] == ["big.pdf"]
     assert big in [open(os.path.join(spool, n), "rb").read() for n in os.listdir(spool)]
-    assert io_written(world.agent.pid) - written < 2 * (len(big) + 50)
+    assert rss_kib(world.agent.pid, "wchar:", "io") - written < 2 * (len(big) + 50)
     # Copied in pieces: never held whole, whatever its size.
     if NATIVE:
         assert rss_kib(world.agent.pid, "VmHWM:") - rss_kib(world.agent.pid) < len(big) >> 11

@@ -9,7 +9,6 @@ import os
 
 import dbus
 import dbus.service
-import pytest
 
 from simenv import Reply, program, wait_until
 
@@ -102,23 +101,17 @@ def start_agent(world, prefix=()):
                                   "QT_MESSAGE_PATTERN": unit_message_pattern()})
 
 
-@pytest.fixture
-def world(make_world):
-    """The agent waiting for obexd with a leftover in staging, then obexd and its agent."""
+def test_only_whole_documents_are_moved_in_and_the_agent_ends_with_obexd(make_world):
+    # The agent waits for obexd, with a leftover of an earlier run in staging.
     world = make_world(with_bluez=False)
-    world.staging = os.path.join(world.sandbox.obex, ".incoming")
-    os.mkdir(world.staging)
-    open(os.path.join(world.staging, "push-leftover"), "wb").close()
+    staging = os.path.join(world.sandbox.obex, ".incoming")
+    os.mkdir(staging)
+    open(os.path.join(staging, "push-leftover"), "wb").close()
     agent = start_agent(world).expect(*ROUTINE, LOG + "removed unfinished pushes")
     wait_until(lambda: "waiting for obexd" in agent.log(), what="the agent waiting for obexd")
-    world.obexd = Obexd(world.bus, world.sandbox)
-    wait_until(lambda: world.obexd.agent, what="RegisterAgent")
-    return world
-
-
-def test_only_whole_documents_are_moved_in_under_a_name_that_replaces_nothing(world):
-    obexd = world.obexd
-    assert os.listdir(world.staging) == []
+    obexd = Obexd(world.bus, world.sandbox)
+    wait_until(lambda: obexd.agent, what="RegisterAgent")
+    assert os.listdir(staging) == []
     names = ["letter.brf", "letter.brf", "../../etc/letter.brf", "notes", "notes", ".."]
     inodes = [obexd.push(name, b"%d" % i)[1] for i, name in enumerate(names)]
     # Broken off, short, lengthless and cancelled pushes leave nothing.
@@ -126,7 +119,7 @@ def test_only_whole_documents_are_moved_in_under_a_name_that_replaces_nothing(wo
                       ("gone.brf", {"status": None})]:
         assert obexd.push(name, b"partial", **how)[0].error is None
     _, reply = obexd.authorize("no-length.brf", None)
-    assert (reply.error, os.listdir(world.staging)) == (REJECTED, [])
+    assert (reply.error, os.listdir(staging)) == (REJECTED, [])
     _, reply = obexd.authorize("cancelled.brf", 10)
     obexd.agent.Cancel(dbus_interface="org.bluez.obex.Agent1")
     wait_until(lambda: not os.path.exists(reply.values[0]), what="the cancelled push removed")
@@ -136,12 +129,10 @@ def test_only_whole_documents_are_moved_in_under_a_name_that_replaces_nothing(wo
     published = ["letter.brf", "letter-1.brf", "letter-2.brf", "notes", "notes-1", "unnamed"]
     assert received == {n: b"%d" % i for i, n in enumerate(published)}
     assert inodes == [os.stat(os.path.join(obex, n)).st_ino for n in published]
-    assert os.listdir(world.staging) == []
-
-
-def test_the_agent_ends_when_obexd_goes(world, make_world):
+    assert os.listdir(staging) == []
+    # Without obexd the agent is of no use: the unit starts both again.
     world.agent.expect("<4>BluetoothObexAgent: obexd left the session bus")
-    world.obexd.conn.close()
+    obexd.conn.close()
     assert world.agent.proc.wait(30) == 1
     # obexd is the agent's child under the receiver's start script: its end ends the agent too,
     # said once however many ways it is seen (here off the bus and ended, at once).

@@ -6,19 +6,11 @@ asked through a signal and answers, and BlueZ gets the reply."""
 import dbus
 import pytest
 
+from conftest import ask
+
 PHONE = dbus.ObjectPath("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01")
 REJECTED = "org.bluez.Agent1.Rejected"
 LOGGED = "BluetoothPairingAgent: pairing_agent::"
-
-
-def ask(ui, method, *args, timeout=30):
-    """BlueZ asks; returns the pending reply once the user interface has the question."""
-    signal = "RequestUserPin" if method == "RequestPinCode" else "RequestUserConfirmation"
-    before = len(ui.received(signal))
-    reply = ui.call_async(method, PHONE, *args, timeout=timeout)
-    ui.wait_signal(signal, before + 1)
-    assert not reply.done, "BlueZ must wait for the user"
-    return reply
 
 
 def test_only_the_latest_question_can_be_answered_and_a_cancelled_one_by_nobody(world, ui):
@@ -28,13 +20,13 @@ def test_only_the_latest_question_can_be_answered_and_a_cancelled_one_by_nobody(
     ui.call("userConfirmation", True)
     ui.call("userSuppliedPin", True, "1234")
     ui.wait_signal("RequestCancelled", 2)
-    first = ask(ui, "RequestConfirmation", dbus.UInt32(111111), timeout=3)
-    second = ask(ui, "RequestConfirmation", dbus.UInt32(222222))
+    first = ask(ui, "RequestConfirmation", PHONE, dbus.UInt32(111111), timeout=3)
+    second = ask(ui, "RequestConfirmation", PHONE, dbus.UInt32(222222))
     ui.call("userConfirmation", False)
     assert (second.wait().error, second.message) == (REJECTED, "Rejected")
     # A second answer goes to the answered question, unseen.
     ui.call("userConfirmation", True)
-    third = ask(ui, "RequestConfirmation", dbus.UInt32(333333), timeout=3)
+    third = ask(ui, "RequestConfirmation", PHONE, dbus.UInt32(333333), timeout=3)
     # BlueZ's Cancel is refused as a call, but ends the question.
     cancel = ui.call_async("Cancel").wait()
     assert (cancel.error, cancel.message) == (REJECTED, "Rejected")
@@ -88,7 +80,7 @@ def test_malformed_and_huge_calls_leave_the_daemon_serving(world, ui):
     assert ui.call_async("DisplayPinCode", PHONE, HUGE).wait().error is None
     ui.call("forgetDevice", HUGE)
     ui.wait_signal("BluetoothDevices")
-    reply = ask(ui, "RequestPinCode")
+    reply = ask(ui, "RequestPinCode", PHONE)
     ui.call("userSuppliedPin", True, HUGE)
     assert reply.wait().values == [HUGE]
     assert ui.call("getPower") is True and world.agent.proc.poll() is None

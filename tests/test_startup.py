@@ -39,15 +39,14 @@ def test_start_powers_names_from_the_host_name_and_registers_in_order(make_world
     world = make_world(hostname=content)
     powered = content is None  # one start finds hci0 on already: asked, not switched on again
     world.bluez.set_adapter_properties(Powered=powered)
-    world.start_agent().expect("BluetoothAgentDaemon: could not open /etc/hostname")
+    missing = "BluetoothAgentDaemon: could not open /etc/hostname"
+    world.start_agent().expect(missing)
     assert [" ".join(call.split()[:3]) for call in started_calls(world.bluez)] == [
         "Get /org/bluez/hci0 org.bluez.Adapter1.Powered"] + (
         [] if powered else ["Set /org/bluez/hci0 org.bluez.Adapter1.Powered"]) + [
         "Set /org/bluez/hci0 org.bluez.Adapter1.Alias", "GetManagedObjects"] + REGISTERED
-    assert world.bluez.adapter_property("Powered") is True
-    assert world.bluez.adapter_property("Alias") == alias
-    missing = ["BluetoothAgentDaemon: could not open /etc/hostname"] if content is None else []
-    assert world.agent.lines() == missing
+    assert [world.bluez.adapter_property(name) for name in ("Powered", "Alias")] == [True, alias]
+    assert world.agent.lines() == [missing] * (content is None)
 
 
 def take_the_name(world):
@@ -97,11 +96,11 @@ def test_refused_name_and_registration_are_logged_and_the_daemon_serves(make_wor
 @pytest.mark.parametrize("adapter_at_once", [True, False])
 def test_a_restarted_bluez_gets_the_agent_again(paired_world, adapter_at_once):
     world = paired_world
-    world.agent.expect("BluetoothAgentDaemon: BlueZ left the system bus",
-                       "BluetoothAgentDaemon: BlueZ is on the system bus: registering the agent",
-                       "BluetoothAgentDaemon: BlueZ is on the system bus without hci0: waiting "
-                       "for it", "BluetoothAgentDaemon: hci0 appeared: registering the agent",
-                       "BluetoothPairingAgent: pairing_agent::RequestConfirmation")
+    left, back, *waited = ["BluetoothAgentDaemon: " + text for text in (
+        "BlueZ left the system bus", "BlueZ is on the system bus: registering the agent",
+        "BlueZ is on the system bus without hci0: waiting for it",
+        "hci0 appeared: registering the agent")]
+    world.agent.expect(left, back, *waited, "BluetoothPairingAgent: pairing_agent::")
     ui = world.client()
     stale = ui.call_async("RequestConfirmation", PHONE, dbus.UInt32(1), timeout=60)
     ui.wait_signal("RequestUserConfirmation")
@@ -125,12 +124,8 @@ def test_a_restarted_bluez_gets_the_agent_again(paired_world, adapter_at_once):
     world.bluez.add_device("AA:BB:CC:DD:EE:01", "Phone One", paired=True)
     # Both BlueZ write to one log: the first registered at start, the new one now.
     wait_until(lambda: started_calls(world.bluez).count(REGISTERED[1]) == 2, what="registration")
-    assert [line for line in world.agent.lines() if "Daemon" in line] == [
-        "BluetoothAgentDaemon: BlueZ left the system bus",
-        "BluetoothAgentDaemon: BlueZ is on the system bus: registering the agent"
-        if adapter_at_once else
-        "BluetoothAgentDaemon: BlueZ is on the system bus without hci0: waiting for it"] + (
-        [] if adapter_at_once else ["BluetoothAgentDaemon: hci0 appeared: registering the agent"])
+    assert [line for line in world.agent.lines() if "Daemon" in line] == [left] + (
+        [back] if adapter_at_once else waited)
     assert world.bluez.adapter_property("Alias") == "embosser\n"
     pump(0.3)
     assert not stale.done
