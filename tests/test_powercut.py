@@ -89,8 +89,6 @@ def recovered(written, seen, documents):
 
 
 def main():
-    """The guest; unless this boot is the last, it writes its batch as a receiver that keeps what
-    it received does (created, written, flushed, closed)."""
     batch = int(open("/guest/batch", encoding="ascii").read())
     subprocess.run(["mount", "/dev/vdd", "/var/spool/lp"], check=True)
     board = Board()

@@ -45,17 +45,12 @@ def listing(folder):
 
 
 def run(*command, user="root"):
-    """command as user; its exit code and output."""
     done = subprocess.run(["runuser", "-u", user, "--", *command], capture_output=True, text=True)
     return [done.returncode, (done.stdout + done.stderr).strip()]
 
 
 class PhoneAgent(dbus.service.Object):
     """The phone's pairing agent: its user says yes, and it records what it was asked."""
-
-    def __init__(self, conn):
-        super().__init__(conn, "/phone/agent")
-        self.calls, self.type_passkey = [], None
 
     @dbus.service.method(AGENT_IFACE, in_signature="ou")
     def RequestConfirmation(self, device, passkey):
@@ -69,14 +64,11 @@ class PhoneAgent(dbus.service.Object):
 
 
 class Board:
-    """The embosser's programs, each logging to its own file in RESULTS, the user interface, the
-    phone and what the guest saw, scenario by scenario."""
-
     def __init__(self):
         self.procs, self.observations = {}, {}
         self.bus = dbus.SystemBus()
         self.ui = Client(types.SimpleNamespace(connect=dbus.SystemBus))
-        self.phone, self.le = PhoneAgent(self.bus), False
+        self.phone = PhoneAgent(self.bus, "/phone/agent")
 
     def start(self, name):
         with open(f"{RESULTS}/{name.split('-')[0]}.log", "ab") as log:
@@ -118,7 +110,7 @@ class Board:
         props = self.objects().get(self.device(adapter, other), {}).get(DEVICE_IFACE)
         return props and {k: props.get(k) for k in ("Alias", "Paired", "Connected", "Trusted")}
 
-    def set_up_phone(self, le):
+    def set_up_phone(self):
         def set_up():  # fails while bluetoothd still sets up a controller that just appeared
             with suppress(dbus.DBusException):
                 for name, value in ("Powered", dbus.Boolean(True)), ("Alias", "Phone"):
@@ -126,44 +118,39 @@ class Board:
                                         dbus_interface=dbus.PROPERTIES_IFACE)
                 return True
         wait_until(set_up, 30, "hci1 powered and named")
-        self.le = le
 
     def discover_embosser(self):
         """The phone searches until it sees the embosser, which the user interface shows; over LE
         the embosser advertises anew each time (a connection may have ended its advertising)."""
-        target = self.device(PHONE, EMBOSSER)
+        target, le = self.device(PHONE, EMBOSSER), "btvirt-le" in self.procs
         adapter = dbus.Interface(self.obj(PHONE), ADAPTER_IFACE)
-        adapter.SetDiscoveryFilter({"Transport": "le" if self.le else "bredr"}, signature="a{sv}")
+        adapter.SetDiscoveryFilter({"Transport": "le" if le else "bredr"}, signature="a{sv}")
         for _ in range(3):
             self.ui.call("SetDiscoverable", True)
-            for state in ("off", "on") if self.le else ():
+            for state in ("off", "on") if le else ():
                 subprocess.run(["btmgmt", "--index", "0", "advertising", state],
                                capture_output=True, timeout=30)
+            if target not in self.objects():
+                adapter.StartDiscovery()
+                with suppress(TimeoutError):
+                    wait_until(lambda: target in self.objects(), 30)
+                adapter.StopDiscovery()
             if target in self.objects():
                 return target
-            adapter.StartDiscovery()
-            try:
-                with suppress(TimeoutError):
-                    return wait_until(lambda: target in self.objects() and target, 30)
-            finally:
-                adapter.StopDiscovery()
         raise TimeoutError("the embosser never showed in the phone's search")
-
-    def forget_both(self):
-        """Both sides forget the pairing: the embosser through the user interface."""
-        if self.sees(EMBOSSER, PHONE):
-            self.ui.call("forgetDevice", self.address(PHONE))
-        if self.sees(PHONE, EMBOSSER):
-            self.obj(PHONE).RemoveDevice(self.device(PHONE, EMBOSSER), signature="o",
-                                         dbus_interface=ADAPTER_IFACE)
-        wait_until(lambda: not self.sees(EMBOSSER, PHONE) and not self.sees(PHONE, EMBOSSER), 30,
-                   "both sides forgetting")
 
     def pair(self, ui_answer=True, phone_capability="DisplayYesNo", forget=False):
         """The phone pairs with the embosser; the user interface answers ui_answer when asked, with
-        bluetooth-agentctl as a user of its group. Returns what each side saw."""
+        bluetooth-agentctl as a user of its group; with forget, both sides forget the last pairing
+        first, the embosser through the user interface. Returns what each side saw."""
         if forget:
-            self.forget_both()
+            if self.sees(EMBOSSER, PHONE):
+                self.ui.call("forgetDevice", self.address(PHONE))
+            if self.sees(PHONE, EMBOSSER):
+                self.obj(PHONE).RemoveDevice(self.device(PHONE, EMBOSSER), signature="o",
+                                             dbus_interface=ADAPTER_IFACE)
+            wait_until(lambda: not self.sees(EMBOSSER, PHONE) and not self.sees(PHONE, EMBOSSER),
+                       30, "both sides forgetting")
         manager = dbus.Interface(self.obj("/org/bluez"), "org.bluez.AgentManager1")
         with suppress(dbus.DBusException):  # not registered with this bluetoothd yet
             manager.UnregisterAgent("/phone/agent", signature="o")
@@ -251,7 +238,6 @@ class Board:
                 "spooled": {n: v for n, v in listing(SPOOL).items() if n not in before}}
 
     def play(self, name, scenario, *args, **kwargs):
-        """Runs one scenario and keeps what it returns, or how it failed, for the host."""
         print(f"[{time.monotonic():8.2f}] scenario {name}", flush=True)
         try:
             self.observations[name] = scenario(*args, **kwargs)

@@ -17,14 +17,6 @@ PACKAGES = ("linux-image-amd64 initramfs-tools kmod udev systemd systemd-sysv db
             "e2fsprogs").split()
 
 
-def image():
-    """The image, its kernel and its initrd, made the first time (about 5 minutes)."""
-    subprocess.run([f"{TOP}/scripts/install-deps", "qemu-system-x86"], check=True)
-    path = subprocess.run([f"{TOP}/tests/debian-root", "guest-bookworm-systemd", "ext4",
-                           *PACKAGES], check=True, stdout=subprocess.PIPE, text=True).stdout
-    return [path.strip().replace(".ext4", suffix) for suffix in (".ext4", ".vmlinuz", ".initrd")]
-
-
 class Guest:
     """The boots of one guest; in workdir, console.log (of every boot), and results (of the last
     boot that ended)."""
@@ -37,7 +29,11 @@ class Guest:
         keep what reached them (qemu's cache=writeback the disk's cache); init: the default runs
         the inputs' init, None boots systemd, which runs it at every boot until it powers off.
         on_line gets each console line, and may call cut(). Returns the results (name -> bytes)."""
-        root, kernel, initrd = image()
+        subprocess.run([f"{TOP}/scripts/install-deps", "qemu-system-x86"], check=True)
+        made = subprocess.run([f"{TOP}/tests/debian-root", "guest-bookworm-systemd", "ext4",
+                               *PACKAGES], check=True, stdout=subprocess.PIPE, text=True)
+        root, kernel, initrd = [made.stdout.strip().replace(".ext4", suffix)
+                                for suffix in (".ext4", ".vmlinuz", ".initrd")]
         with tarfile.open(f"{self.workdir}/inputs.tar", "w") as tar:
             for name, path in inputs.items():
                 tar.add(path, arcname=name)

@@ -56,14 +56,13 @@ class Image(Board):
                 pids.append(self.registered(pids[-1]))
         run("systemctl", "kill", "--kill-who=main", "--signal=SEGV", UNITS[0])
         pids.append(self.registered(pids[-1]))
-        self.set_up_phone(le=False)
+        self.set_up_phone()
         self.cursor = journal()[-1]["__CURSOR"]
         return {"pids": pids, "stopped": stopped, "ui_getPower": self.ui.call("getPower"),
                 "embosser": {k: self.prop(EMBOSSER, k) for k in ("Powered", "Alias", "Pairable")},
                 "run": run("nsenter", "-t", pids[-1], "-m", "touch", "/run/a-file")}
 
     def pairing(self):
-        """The pairing answered yes; then the phone disconnects."""
         paired = dict(self.pair(), outsider=run("bluetooth-agentctl", "power", user="nobody"))
         mark = len(self.ui.signals)
         self.obj(self.device(PHONE, EMBOSSER)).Disconnect(dbus_interface=DEVICE_IFACE, timeout=30)
@@ -85,10 +84,9 @@ class Image(Board):
     def routine(self):
         """What the daemon and the receiver's agent (not obexd) logged since the start-up (before
         anew: folders gone for a moment are worth a line); how often obexd crashed (dmesg)."""
-        kernel = run("dmesg")[1]
         return {"lines": [[e["_SYSTEMD_UNIT"], int(e["PRIORITY"]), e["MESSAGE"]] for e in journal(
             self.cursor) if e.get("_EXE") != OBEXD], "obexd_crashes": sum(
-            "obexd[" in line and "segfault" in line for line in kernel.splitlines())}
+            "obexd[" in line and "segfault" in line for line in run("dmesg")[1].splitlines())}
 
     routine_rebooted = routine
     bredr_no = partialmethod(Board.pair, ui_answer=False)
@@ -98,7 +96,6 @@ class Image(Board):
     le_no_io = partialmethod(Board.pair, phone_capability="NoInputNoOutput", forget=True)
 
     def anew(self):
-        """The folders removed and made anew by systemd-tmpfiles, then a push."""
         made = run("sh", "-c", f"rm -r {RECEIVE} {SPOOL} && systemd-tmpfiles --create")
         return dict(self.pushes(("anew.brf", 5000)), tmpfiles=made, modes=run(
             "stat", "-c", "%n %a %U", RECEIVE, f"{RECEIVE}/.incoming", SPOOL)[1].splitlines())
@@ -109,14 +106,13 @@ class Image(Board):
         self.start_bluez()
         self.registered()
         self.cursor = journal()[-1]["__CURSOR"]
-        self.set_up_phone(le=False)
+        self.set_up_phone()
         return self.pushes(("again.brf", 5000))
 
     def devices(self):
-        phone = [self.sees(EMBOSSER, PHONE)["Alias"], self.address(PHONE)]
         listed, mark = self.ui.devices(), len(self.ui.received("BluetoothDevices"))
         self.ui.call("forgetDevice", self.address(PHONE))
-        return {"phone": phone, "listed": listed,
+        return {"phone": self.address(PHONE), "listed": listed,
                 "after_forget": self.ui.wait_signal("BluetoothDevices", mark + 1)[-1][0],
                 "embosser_sees_phone": self.sees(EMBOSSER, PHONE)}
 
@@ -125,7 +121,7 @@ class Image(Board):
         self.kill("btvirt")
         wait_until(lambda: EMBOSSER not in self.objects(), 30, "hci0 gone")
         self.start_bluez("btvirt-le")
-        self.set_up_phone(le=True)
+        self.set_up_phone()
 
 
 def main():
