@@ -39,6 +39,10 @@ inline const QString FallbackHostname = QStringLiteral("QuorvaneEmbosser");
 // Received-file intake: the OBEX receiver writes into ReceiveDir, the print spooler reads SpoolDir.
 inline const QString ReceiveDir = QStringLiteral("/var/spool/lp/obex");
 inline const QString SpoolDir = QStringLiteral("/var/spool/lp/www");
+// Where a received file goes, inside ReceiveDir, in the moment it is removed once its copy is
+// spooled: its name is gone at once, so a writer who comes back either found it before or not at
+// all.
+inline const QString TakenName = QStringLiteral(".bluetooth-agent-taken");
 
 // The OBEX receiver: obexd on a session bus of its own asks bluetooth-agent-obex about each push,
 // which obexd writes into StagingDir; only whole documents are moved on into ReceiveDir. Inside

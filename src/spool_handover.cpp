@@ -9,6 +9,7 @@
 #include <QTemporaryFile>
 
 #include <cerrno>
+#include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -125,18 +126,39 @@ bool syncFolder(const QByteArray &dir)
     return folder.fd != -1 && fsync(folder.fd) == 0;
 }
 
-// Removes the received file, but only the one that was taken: a new file that has taken its
-// name meanwhile waits for its own close event. The removal reaches the disk before the file
-// counts as handed over. False when a writer asked for it at the last moment: it stays.
-bool removeSource(const QByteArray &path, int fd, const FileStamp &taken, bool leased)
+bool sameFile(const QByteArray &path, const FileStamp &taken)
 {
     const auto now = FileStamp::at(path.constData());
-    if (!now || now->device != taken.device || now->inode != taken.inode)
+    return now && now->device == taken.device && now->inode == taken.inode;
+}
+
+// Removes the received file, but only the one that was taken: a new file that has taken its
+// name meanwhile waits for its own close event. The removal reaches the disk before the file
+// counts as handed over. False when a writer asked for it at the last moment: it stays, under
+// its name.
+bool removeSource(const QByteArray &path, int fd, const FileStamp &taken, bool leased)
+{
+    if (!sameFile(path, taken))
         return true;
-    if (leased && fcntl(fd, F_GETLEASE) != F_RDLCK)
+    // Moved out of sight before the last look at the lease: a writer who found the file before
+    // has asked for the lease by then (its open breaks it), and one who comes later finds nothing.
+    // Removed straight away, a writer who found it just before would write into a removed file.
+    const QByteArray receiveDir = Names::ReceiveDir.toLocal8Bit();
+    const QByteArray aside = receiveDir + '/' + Names::TakenName.toLocal8Bit();
+    const bool moved =
+        renameat2(AT_FDCWD, path.constData(), AT_FDCWD, aside.constData(), RENAME_NOREPLACE) == 0;
+    if (moved && !sameFile(aside, taken)) {
+        // Another file took the name just before: it goes back, and ours was gone already.
+        renameat2(AT_FDCWD, aside.constData(), AT_FDCWD, path.constData(), RENAME_NOREPLACE);
+        return true;
+    }
+    if (leased && fcntl(fd, F_GETLEASE) != F_RDLCK) {
+        if (moved)
+            renameat2(AT_FDCWD, aside.constData(), AT_FDCWD, path.constData(), RENAME_NOREPLACE);
         return false;
-    if (unlink(path.constData()) == 0)
-        syncFolder(Names::ReceiveDir.toLocal8Bit());
+    }
+    if (unlink(moved ? aside.constData() : path.constData()) == 0)
+        syncFolder(receiveDir);
     return true;
 }
 
@@ -268,6 +290,10 @@ SpoolHandover::Result SpoolHandover::copyToSpool(int source, const QByteArray &p
 
 void SpoolHandover::removeHiddenCopies() const
 {
+    // A file a power cut caught on its way out: its copy is in the spool already.
+    const QByteArray taken = Names::ReceiveDir.toLocal8Bit() + '/' + Names::TakenName.toLocal8Bit();
+    if (unlink(taken.constData()) == 0)
+        syncFolder(Names::ReceiveDir.toLocal8Bit());
     const QByteArray spool = QFile::encodeName(mUploadDir);
     DIR *dir = opendir(spool.constData());
     if (!dir)

@@ -40,7 +40,8 @@ public:
     // Closes the file last spooled, which take() leaves open so that it can be announced first.
     void release();
 
-    // Hidden copies that a power cut or a crash left half-written in the spool.
+    // Hidden copies that a power cut or a crash left half-written in the spool, and a received
+    // file it caught on its way out after its copy was spooled.
     void removeHiddenCopies() const;
 
     // "." and what follows the last dot of the name ("." alone without a dot), and whether

@@ -80,9 +80,11 @@ def test_what_came_while_it_was_away_or_stopped_is_taken_and_half_copies_cleared
     unfinished = open(os.path.join(world.sandbox.obex, "unfinished.pdf"), "wb")
     unfinished.write(b"part one, ")
     unfinished.flush()
-    # What a power cut in the middle of a copy leaves, next to a file that is not the daemon's.
+    # What a power cut in the middle of a copy, or after it as the received file went, leaves;
+    # next to a file that is not the daemon's.
     half = os.path.join(world.sandbox.www, "." + PREFIX + "7-a8Kd2Q.brf")
-    for path in (half, os.path.join(world.sandbox.www, ".spooler-state")):
+    for path in (half, os.path.join(world.sandbox.www, ".spooler-state"),
+                 os.path.join(world.sandbox.obex, ".bluetooth-agent-taken")):
         with open(path, "wb") as f:
             f.write(b"half")
     ui = world.client()
