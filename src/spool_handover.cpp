@@ -126,6 +126,11 @@ bool syncFolder(const QByteArray &dir)
     return folder.fd != -1 && fsync(folder.fd) == 0;
 }
 
+QByteArray inReceiveFolder(const QByteArray &name)
+{
+    return Names::ReceiveDir.toLocal8Bit() + '/' + name;
+}
+
 bool sameFile(const QByteArray &path, const FileStamp &taken)
 {
     const auto now = FileStamp::at(path.constData());
@@ -143,8 +148,7 @@ bool removeSource(const QByteArray &path, int fd, const FileStamp &taken, bool l
     // Moved out of sight before the last look at the lease: a writer who found the file before
     // has asked for the lease by then (its open breaks it), and one who comes later finds nothing.
     // Removed straight away, a writer who found it just before would write into a removed file.
-    const QByteArray receiveDir = Names::ReceiveDir.toLocal8Bit();
-    const QByteArray aside = receiveDir + '/' + Names::TakenName.toLocal8Bit();
+    const QByteArray aside = inReceiveFolder(Names::TakenName.toLocal8Bit());
     const bool moved =
         renameat2(AT_FDCWD, path.constData(), AT_FDCWD, aside.constData(), RENAME_NOREPLACE) == 0;
     if (moved && !sameFile(aside, taken)) {
@@ -158,7 +162,7 @@ bool removeSource(const QByteArray &path, int fd, const FileStamp &taken, bool l
         return false;
     }
     if (unlink(moved ? aside.constData() : path.constData()) == 0)
-        syncFolder(receiveDir);
+        syncFolder(Names::ReceiveDir.toLocal8Bit());
     return true;
 }
 
@@ -194,7 +198,7 @@ QString SpoolHandover::nameTemplate(quint32 number, const QByteArray &suffix) co
 
 SpoolHandover::Result SpoolHandover::take(const QByteArray &name, const FileStamp &settled)
 {
-    const QByteArray path = Names::ReceiveDir.toLocal8Bit() + '/' + name;
+    const QByteArray path = inReceiveFolder(name);
     // Read-only, so that taking a file makes no close event of its own; never through a link,
     // never waiting for a pipe's writer, never creating anything.
     Descriptor source(
@@ -291,8 +295,7 @@ SpoolHandover::Result SpoolHandover::copyToSpool(int source, const QByteArray &p
 void SpoolHandover::removeHiddenCopies() const
 {
     // A file a power cut caught on its way out: its copy is in the spool already.
-    const QByteArray taken = Names::ReceiveDir.toLocal8Bit() + '/' + Names::TakenName.toLocal8Bit();
-    if (unlink(taken.constData()) == 0)
+    if (unlink(inReceiveFolder(Names::TakenName.toLocal8Bit()).constData()) == 0)
         syncFolder(Names::ReceiveDir.toLocal8Bit());
     const QByteArray spool = QFile::encodeName(mUploadDir);
     DIR *dir = opendir(spool.constData());

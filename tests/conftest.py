@@ -20,6 +20,9 @@ from simenv import ADAPTER_IFACE, ADAPTER_PATH, MOCK_IFACE, unwrap  # noqa: E402
 ALLOWED = ["QMetaObject::invokeMethod: No such method PairingAgent::DisplayPincode",
            "Candidates are:", "DisplayPinCode(QDBusObjectPath,QString,QDBusMessage)"]
 
+# How the pairing agent logs each call of BlueZ's.
+LOGGED = "BluetoothPairingAgent: pairing_agent::"
+
 # Where the daemon is its own process (no emulator, no ASan), its memory says what it holds.
 NATIVE = "ASAN_OPTIONS" not in os.environ and not os.environ.get("BLUETOOTH_AGENT_LAUNCHER")
 

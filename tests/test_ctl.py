@@ -10,12 +10,11 @@ import sys
 
 import dbus
 
-from conftest import ask
+from conftest import LOGGED, ask
 from simenv import ADAPTER_PATH, ctl_command, pump
 
 PHONE = "AA:BB:CC:DD:EE:01"
 PHONE_PATH = dbus.ObjectPath("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01")
-LOGGED = "BluetoothPairingAgent: pairing_agent::"
 STAMP = r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} "
 TOOLS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools")
 

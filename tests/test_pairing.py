@@ -6,11 +6,10 @@ asked through a signal and answers, and BlueZ gets the reply."""
 import dbus
 import pytest
 
-from conftest import ask
+from conftest import LOGGED, ask
 
 PHONE = dbus.ObjectPath("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01")
 REJECTED = "org.bluez.Agent1.Rejected"
-LOGGED = "BluetoothPairingAgent: pairing_agent::"
 
 
 def test_only_the_latest_question_can_be_answered_and_a_cancelled_one_by_nobody(world, ui):

@@ -10,7 +10,7 @@ import signal
 import dbus
 import pytest
 
-from conftest import NATIVE, Bluez, rss_kib, spooled
+from conftest import LOGGED, NATIVE, Bluez, rss_kib, spooled
 from simenv import ADAPTER_PATH, AGENT_SERVICE, pump, wait_until
 
 START_CALLS = ("Get /org/bluez/hci0 org.bluez.Adapter1.Powered", "Set /org/bluez/hci0",
@@ -92,7 +92,7 @@ def test_a_restarted_bluez_gets_the_agent_again(paired_world, adapter_at_once):
         "BlueZ left the system bus", "BlueZ is on the system bus: registering the agent",
         "BlueZ is on the system bus without hci0: waiting for it",
         "hci0 appeared: registering the agent")]
-    world.agent.expect(left, back, *waited, "BluetoothPairingAgent: pairing_agent::")
+    world.agent.expect(left, back, *waited, LOGGED)
     ui = world.client()
     stale = ui.call_async("RequestConfirmation", PHONE, dbus.UInt32(1), timeout=60)
     ui.wait_signal("RequestUserConfirmation")
@@ -147,7 +147,7 @@ def test_a_restarted_bluez_gets_the_agent_again(paired_world, adapter_at_once):
 
 def test_a_hung_bluez_holds_up_no_document_no_list_and_no_later_question(paired_world):
     world = paired_world
-    world.agent.expect("BluetoothPairingAgent: pairing_agent::RequestConfirmation")
+    world.agent.expect(LOGGED + "RequestConfirmation")
     ui = world.client()
     os.kill(world.bluez.proc.pid, signal.SIGSTOP)
     try:
